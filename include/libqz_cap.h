@@ -1,0 +1,208 @@
+/*
+ * libqz_cap: the capability client library of the device platform.
+ *
+ * Capabilities are named boolean, int32 and string values that platform
+ * services publish in database 3 of the message bus. Every operation returns
+ * a signed 32-bit status (0 success, negative failure) unless noted, and
+ * delivers values through out-parameters.
+ *
+ * Calling forms: X_thread(...) takes a client context; the plain X(...)
+ * passes the calling thread's default context g_libqz_cap_ctrl_info.
+ *
+ * The library takes no locks: callers serialise their use of one context.
+ */
+#ifndef LIBQZ_CAP_H
+#define LIBQZ_CAP_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(LIBQZ_CAP_BUILDING)
+#define LIBQZ_CAP_API __attribute__((visibility("default")))
+#else
+#define LIBQZ_CAP_API
+#endif
+
+#ifdef __cplusplus
+#define LIBQZ_CAP_THREAD_LOCAL thread_local
+extern "C" {
+#else
+#define LIBQZ_CAP_THREAD_LOCAL _Thread_local
+#endif
+
+struct qz_mom_pmsg;
+struct qz_cap_hash_table;
+
+/* Status codes. */
+enum {
+    LIBQZ_CAP_OK = 0,
+    LIBQZ_CAP_E_HASH_WALK = -1,   /* null table or bad slice in a hash walk */
+    LIBQZ_CAP_E_NOMEM = -2,       /* out of memory in a subscription */
+    LIBQZ_CAP_E_ARG = -4,         /* null pointer, or a text of 256 characters or more */
+    LIBQZ_CAP_E_NODE = -6,        /* no subcard node could be created */
+    LIBQZ_CAP_E_GLB_READ = -8,    /* bus error code on the global readiness read */
+    LIBQZ_CAP_E_INIT = -11,       /* registry, level file or debug module failure */
+    LIBQZ_CAP_E_HASH_NODE = -12,  /* no hash node could be allocated */
+    LIBQZ_CAP_E_BUS = -21,        /* bus read failed, or no card matched the node id */
+    LIBQZ_CAP_E_NO_RECORD = -22,  /* no record stored under the key */
+    LIBQZ_CAP_E_NO_INDEX = -23,   /* a delivered record has no index */
+    LIBQZ_CAP_E_NO_FIELD = -24    /* the record does not hold the wanted value */
+};
+
+/* ---- Client context ---------------------------------------------------- */
+
+typedef struct libqz_cap_time_rec {
+    uint8_t valid;  /* 1 once the step was recorded */
+    uint32_t sec;   /* monotonic time of the last recording */
+    uint32_t nsec;
+    uint32_t count; /* how often the step was recorded */
+} libqz_cap_time_rec_t;
+
+/* Start-up steps of initialisation, indexes of time_rec. */
+enum {
+    LIBQZ_CAP_INIT_START = 0,
+    LIBQZ_CAP_INIT_GET_APP_NAME = 1,
+    LIBQZ_CAP_INIT_ZLOG_INIT = 2,
+    LIBQZ_CAP_INIT_CON_HOST = 3,
+    LIBQZ_CAP_INIT_HASH = 4,
+    LIBQZ_CAP_INIT_RECON_HOST = 5,
+    LIBQZ_CAP_INIT_KRIL_INIT = 6,
+    LIBQZ_CAP_INIT_STEPS = 7
+};
+
+typedef struct libqz_cap_ctrl_info {
+    uint8_t ready;                 /* cached local readiness */
+    uint32_t sleep_time;           /* one-second waits of blocking reads */
+    void *global;                  /* bus handle of the last successful initialisation */
+    char url[256];                 /* scratch buffer of libqz_cap_form_spec_url_thread */
+    struct qz_cap_hash_table *sub_hash; /* subscription registry */
+    libqz_cap_time_rec_t time_rec[LIBQZ_CAP_INIT_STEPS];
+    uint8_t kril_handle[16];       /* debug-shell registration storage */
+} libqz_cap_ctrl_info_t;           /* 400 bytes on a 32-bit target */
+
+typedef struct libqz_cap_list_head {
+    struct libqz_cap_list_head *next, *prev;
+} libqz_cap_list_head_t;
+
+/* The calling thread's default context, zero-filled at thread start. */
+LIBQZ_CAP_API extern LIBQZ_CAP_THREAD_LOCAL libqz_cap_ctrl_info_t g_libqz_cap_ctrl_info;
+
+/* Process-wide list of subcard nodes, kept in node-id order. */
+LIBQZ_CAP_API extern libqz_cap_list_head_t cap_sub_card_nodes_list;
+
+/* Returns a new zero-filled context, or NULL. The caller owns it. */
+LIBQZ_CAP_API libqz_cap_ctrl_info_t *libqz_cap_ctrl_info_init(void);
+
+/*
+ * Releases a context made by libqz_cap_ctrl_info_init (NULL is ignored). Its
+ * registry and bus callbacks are not touched: no callback may still use it.
+ */
+LIBQZ_CAP_API void libqz_cap_ctrl_info_free(libqz_cap_ctrl_info_t *ctx);
+
+/* Sets the bus write buffer and the debug-shell buffer to 1024 bytes.
+ * Returns 0, -4, or the debug shell's result. */
+LIBQZ_CAP_API int32_t libqz_cap_set_mem_size_thread(void *global, libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_set_mem_size(void *global);
+
+/* Writes the base name of process pid's executable ("app" when unreadable)
+ * into name, cut to len - 1 bytes and terminated. Returns name. */
+LIBQZ_CAP_API char *libqz_cap_get_app_name(int32_t pid, char *name, uint32_t len);
+
+/* ---- Logging ------------------------------------------------------------ */
+
+/* Gate level: 0 silent, 1 errors (default), 2 entry and exit lines, 4 traces.
+ * Compared as unsigned, so a negative level enables everything. */
+LIBQZ_CAP_API extern int32_t g_libqz_cap_zlog_level;
+
+/* Logging category handle; no record is emitted while it is NULL. */
+LIBQZ_CAP_API extern void *g_libqz_cap_zlog_category;
+
+/* Sets the gate level; any value is accepted. */
+LIBQZ_CAP_API void libqz_cap_log_level(int32_t level);
+
+/* Applies the level files and opens the "libqz_cap" category. Returns 0. */
+LIBQZ_CAP_API int32_t libqz_cap_zlog_init(const char *app_name);
+
+/* ---- Start-up step timing ---------------------------------------------- */
+
+/* Step names, one per 32-byte slot, indexed by step number. */
+LIBQZ_CAP_API extern const char g_libqz_cap_time_rec_name[LIBQZ_CAP_INIT_STEPS][32];
+
+/* Prints the step-time report of ctx (REQUIRES: ctx not NULL). Returns 0. */
+LIBQZ_CAP_API int libqz_cap_dbg_show_time_thread(libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int libqz_cap_dbg_show_time(void);
+
+/* ---- Readiness ---------------------------------------------------------- */
+
+/* Reads whether the local capability table is complete. A missing state
+ * record reads as not ready. Returns 0, -4 or -21. */
+LIBQZ_CAP_API int32_t libqz_cap_get_local_ready_thread(void *global, libqz_cap_ctrl_info_t *ctx,
+                                                       bool *ready);
+LIBQZ_CAP_API int32_t libqz_cap_get_local_ready(void *global, bool *ready);
+
+/* ---- Hash table ---------------------------------------------------------- */
+
+/* Maps an item (or a key shaped like one) to its index value. */
+typedef uint32_t (*qz_cap_hash_index_fn)(void *item);
+/* Returns 0 when the stored item equals the key. */
+typedef int32_t (*qz_cap_hash_compare_fn)(void *stored, void *key);
+/* Walk callback; a non-zero result stops the walk and is returned by it. */
+typedef int32_t (*qz_cap_hash_item_fn)(void *item, void *arg);
+
+typedef struct qz_cap_hash_table qz_cap_hash_table;
+
+/* A table sized for `size` items (size / 0.75 buckets; 0 means 1365 buckets).
+ * Returns NULL when memory runs out or the size does not fit. */
+LIBQZ_CAP_API qz_cap_hash_table *qz_cap_create_hash(uint32_t size, qz_cap_hash_index_fn get_index,
+                                                    qz_cap_hash_compare_fn compare);
+/* Frees the table but neither its nodes nor its items. */
+LIBQZ_CAP_API void qz_cap_destroy_hash(qz_cap_hash_table *table);
+/* Adds item at the front of its bucket. Returns 0, -1 (NULL table) or -12. */
+LIBQZ_CAP_API int32_t qz_cap_hash_insert_item(qz_cap_hash_table *table, void *item);
+/* Removes the newest item equal to key; the item itself is not freed. */
+LIBQZ_CAP_API void qz_cap_hash_del_item(qz_cap_hash_table *table, void *key);
+/* Returns the newest item equal to key, or NULL. */
+LIBQZ_CAP_API void *qz_cap_hash_find_item(qz_cap_hash_table *table, void *key);
+/* Calls fn on every item, bucket by bucket; fn may delete the item it is
+ * given. Returns -1 for a NULL table, else fn's first non-zero result, else 0. */
+LIBQZ_CAP_API int32_t qz_cap_hash_each_item_op(qz_cap_hash_table *table, qz_cap_hash_item_fn fn,
+                                               void *arg);
+/* The same over slice cur_part of max_part slices of the buckets. Returns -1
+ * for invalid slice numbers. */
+LIBQZ_CAP_API int32_t qz_cap_hash_each_item_op_partly(qz_cap_hash_table *table,
+                                                      qz_cap_hash_item_fn fn, void *arg,
+                                                      uint32_t max_part, uint32_t cur_part);
+LIBQZ_CAP_API uint32_t qz_cap_hash_get_current_item_num(qz_cap_hash_table *table);
+/* The 8-bit item count of key's bucket (it wraps at 256). */
+LIBQZ_CAP_API uint32_t qz_cap_hash_get_current_bucket_num(qz_cap_hash_table *table, void *key);
+/* Prints a warning on every insertion into a bucket holding more than size
+ * items; 0 disables it. */
+LIBQZ_CAP_API void qz_cap_hash_set_bucket_warning_size(qz_cap_hash_table *table, uint32_t size);
+
+/* ---- Subscription registry ----------------------------------------------- */
+
+/* Registry record types. */
+enum {
+    LIBQZ_CAP_SUB_BOOL = 0,
+    LIBQZ_CAP_SUB_INT32 = 1,
+    LIBQZ_CAP_SUB_STATE = 3
+};
+
+/* One recorded subscription of a context (272 bytes on a 32-bit target). */
+typedef struct sub_info {
+    void *global;  /* bus handle the subscription was made with */
+    char url[256]; /* capability URL, or the state subscription's name */
+    uint32_t type; /* LIBQZ_CAP_SUB_* */
+    void *fp;      /* callback given to the bus */
+    void *arg;     /* its argument; may be NULL */
+} sub_info;
+
+/* The registry's index value: the URL's bytes hashed by 31, plus the type. */
+LIBQZ_CAP_API uint32_t libqz_cap_get_sub_hash_index(sub_info *item);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LIBQZ_CAP_H */

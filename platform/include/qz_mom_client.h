@@ -1,0 +1,77 @@
+/*
+ * Calls of the bus stand-in that the library never makes: creating and
+ * destroying a client handle, and writing and deleting records. Publishers,
+ * tools and tests use them.
+ */
+#ifndef QZ_MOM_CLIENT_H
+#define QZ_MOM_CLIENT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "qz_mom.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Status codes of the stand-in's own failures (never 0). */
+enum {
+    QZ_MOM_E_ARG = -1001,    /* a required argument is missing or malformed */
+    QZ_MOM_E_DECODE = -1002, /* a stored value does not parse as its field's type */
+    QZ_MOM_E_CONN = -1003,   /* no connection to the store */
+    QZ_MOM_E_NOMEM = -1004,  /* out of memory */
+    QZ_MOM_E_REPLY = -1005,  /* the store answered something unexpected */
+    QZ_MOM_E_TYPE = -1006    /* a key names a record type the client does not know */
+};
+
+/*
+ * Creates a client handle (the `global` of every bus call).
+ *   uri NULL         : $QZ_MOM_URI, or the embedded store "mem:" when unset
+ *   "mem:" "mem:NAME": the embedded in-process store NAME; handles on the same
+ *                      name share its records and see each other's changes
+ *   "redis://host:port", "unix:/path": a redis-server
+ * Returns NULL when the URI is malformed or the store cannot be set up.
+ * Starts the client's delivery thread, on which subscription and reconnect
+ * callbacks run.
+ */
+void *qz_mom_client_create(const char *uri);
+
+/*
+ * Stops the delivery thread, drops the client's subscriptions and frees the
+ * handle. REQUIRES: not called from one of the handle's own callbacks.
+ */
+void qz_mom_client_destroy(void *global);
+
+/*
+ * Writes the listed fields of `record` (key from the record type and its
+ * index) and notifies subscribers. Index fields are never listed. Returns 0
+ * or a QZ_MOM_E_ code.
+ */
+int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMessage *record,
+                     uint32_t field_count, const int32_t *fields);
+
+/* Deletes the record named by `key`. Returns 0 (also when nothing was stored). */
+int32_t qz_mom_delete(void *global, int32_t db, const ProtobufCMessage *key);
+
+/*
+ * Raw access by store key and hash field, for tools and tests that need to
+ * write what a typed write cannot (a malformed value, an unknown field).
+ * `value` may hold any bytes.
+ */
+int32_t qz_mom_hset_raw(void *global, int32_t db, const char *key, const char *field,
+                        const void *value, size_t value_len);
+int32_t qz_mom_del_raw(void *global, int32_t db, const char *key);
+
+/*
+ * Builds the store key of a record or key record into buf (NUL-terminated).
+ * Returns the key's length, or a negative QZ_MOM_E_ code (also when buf is too
+ * small).
+ */
+int32_t qz_mom_format_key(const ProtobufCMessage *key, char *buf, size_t buf_len);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QZ_MOM_CLIENT_H */
