@@ -1,0 +1,21 @@
+// Heap blocks whose allocation failure the library reports (contexts,
+// registry records, hash nodes, subcard nodes, holders). They come from
+// malloc/calloc; the unit tests can make a chosen one fail.
+#ifndef LIBQZ_CAP_CORE_ALLOC_H
+#define LIBQZ_CAP_CORE_ALLOC_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qzcap {
+
+void *xmalloc(size_t size);
+void *xcalloc(size_t count, size_t size);
+
+}  // namespace qzcap
+
+// Internal, for tests: the nth allocation from now (1 = the next) fails;
+// 0 turns failures off.
+extern "C" void libqz_cap_test_fail_alloc(uint32_t nth);
+
+#endif  // LIBQZ_CAP_CORE_ALLOC_H
