@@ -37,24 +37,24 @@ struct qz_cap_hash_table;
 /* Status codes. */
 enum {
     LIBQZ_CAP_OK = 0,
-    LIBQZ_CAP_E_HASH_WALK = -1,   /* null table or bad slice in a hash walk */
-    LIBQZ_CAP_E_NOMEM = -2,       /* out of memory in a subscription */
-    LIBQZ_CAP_E_ARG = -4,         /* null pointer, or a text of 256 characters or more */
-    LIBQZ_CAP_E_NODE = -6,        /* no subcard node could be created */
-    LIBQZ_CAP_E_GLB_READ = -8,    /* bus error code on the global readiness read */
-    LIBQZ_CAP_E_INIT = -11,       /* registry, level file or debug module failure */
-    LIBQZ_CAP_E_HASH_NODE = -12,  /* no hash node could be allocated */
-    LIBQZ_CAP_E_BUS = -21,        /* bus read failed, or no card matched the node id */
-    LIBQZ_CAP_E_NO_RECORD = -22,  /* no record stored under the key */
-    LIBQZ_CAP_E_NO_INDEX = -23,   /* a delivered record has no index */
-    LIBQZ_CAP_E_NO_FIELD = -24    /* the record does not hold the wanted value */
+    LIBQZ_CAP_E_HASH_WALK = -1,  /* null table or bad slice in a hash walk */
+    LIBQZ_CAP_E_NOMEM = -2,      /* out of memory in a subscription */
+    LIBQZ_CAP_E_ARG = -4,        /* null pointer, or a text of 256 characters or more */
+    LIBQZ_CAP_E_NODE = -6,       /* no subcard node could be created */
+    LIBQZ_CAP_E_GLB_READ = -8,   /* bus error code on the global readiness read */
+    LIBQZ_CAP_E_INIT = -11,      /* registry, level file or debug module failure */
+    LIBQZ_CAP_E_HASH_NODE = -12, /* no hash node could be allocated */
+    LIBQZ_CAP_E_BUS = -21,       /* bus read failed, or no card matched the node id */
+    LIBQZ_CAP_E_NO_RECORD = -22, /* no record stored under the key */
+    LIBQZ_CAP_E_NO_INDEX = -23,  /* a delivered record has no index */
+    LIBQZ_CAP_E_NO_FIELD = -24   /* the record does not hold the wanted value */
 };
 
 /* ---- Client context ---------------------------------------------------- */
 
 typedef struct libqz_cap_time_rec {
-    uint8_t valid;  /* 1 once the step was recorded */
-    uint32_t sec;   /* monotonic time of the last recording */
+    uint8_t valid; /* 1 once the step was recorded */
+    uint32_t sec;  /* monotonic time of the last recording */
     uint32_t nsec;
     uint32_t count; /* how often the step was recorded */
 } libqz_cap_time_rec_t;
@@ -72,14 +72,14 @@ enum {
 };
 
 typedef struct libqz_cap_ctrl_info {
-    uint8_t ready;                 /* cached local readiness */
-    uint32_t sleep_time;           /* one-second waits of blocking reads */
-    void *global;                  /* bus handle of the last successful initialisation */
-    char url[256];                 /* scratch buffer of libqz_cap_form_spec_url_thread */
+    uint8_t ready;                      /* cached local readiness */
+    uint32_t sleep_time;                /* one-second waits of blocking reads */
+    void *global;                       /* bus handle of the last successful initialisation */
+    char url[256];                      /* scratch buffer of libqz_cap_form_spec_url_thread */
     struct qz_cap_hash_table *sub_hash; /* subscription registry */
     libqz_cap_time_rec_t time_rec[LIBQZ_CAP_INIT_STEPS];
-    uint8_t kril_handle[16];       /* debug-shell registration storage */
-} libqz_cap_ctrl_info_t;           /* 400 bytes on a 32-bit target */
+    uint8_t kril_handle[16]; /* debug-shell registration storage */
+} libqz_cap_ctrl_info_t;     /* 400 bytes on a 32-bit target */
 
 typedef struct libqz_cap_list_head {
     struct libqz_cap_list_head *next, *prev;
@@ -183,11 +183,7 @@ LIBQZ_CAP_API void qz_cap_hash_set_bucket_warning_size(qz_cap_hash_table *table,
 /* ---- Subscription registry ----------------------------------------------- */
 
 /* Registry record types. */
-enum {
-    LIBQZ_CAP_SUB_BOOL = 0,
-    LIBQZ_CAP_SUB_INT32 = 1,
-    LIBQZ_CAP_SUB_STATE = 3
-};
+enum { LIBQZ_CAP_SUB_BOOL = 0, LIBQZ_CAP_SUB_INT32 = 1, LIBQZ_CAP_SUB_STATE = 3 };
 
 /* One recorded subscription of a context (272 bytes on a 32-bit target). */
 typedef struct sub_info {

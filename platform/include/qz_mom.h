@@ -12,8 +12,8 @@ extern "C" {
 #endif
 
 typedef struct qz_mom_hash_res {
-    void *view;           /* decoded record, NULL when nothing is stored */
-    int32_t *field_nums;  /* numbers of the fields the stored hash holds */
+    void *view;          /* decoded record, NULL when nothing is stored */
+    int32_t *field_nums; /* numbers of the fields the stored hash holds */
     uint32_t field_count;
     uint32_t reserved[2]; /* not used by the library */
     int32_t error_code;   /* 0 when the read succeeded */

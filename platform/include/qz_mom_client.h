@@ -48,8 +48,8 @@ void qz_mom_client_destroy(void *global);
  * index) and notifies subscribers. Index fields are never listed. Returns 0
  * or a QZ_MOM_E_ code.
  */
-int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMessage *record,
-                     uint32_t field_count, const int32_t *fields);
+int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMessage *record, uint32_t field_count,
+                     const int32_t *fields);
 
 /* Deletes the record named by `key`. Returns 0 (also when nothing was stored). */
 int32_t qz_mom_delete(void *global, int32_t db, const ProtobufCMessage *key);

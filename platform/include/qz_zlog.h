@@ -21,8 +21,7 @@ enum {
 void *qz_zlog_init(const char *category);
 
 void qzdf_zlog(void *category, const char *file, size_t filelen, const char *func, size_t funclen,
-               long line, int level, const char *format, ...)
-    __attribute__((format(printf, 8, 9)));
+               long line, int level, const char *format, ...) __attribute__((format(printf, 8, 9)));
 
 #ifdef __cplusplus
 }

@@ -40,26 +40,32 @@ uint32_t g_mem_size = 0;
 
 Module *find_module(const char *name) {
     for (auto &m : g_modules) {
-        if (m.name == name) return &m;
+        if (m.name == name)
+            return &m;
     }
     return nullptr;
 }
 
 const Command *find_command(const Module &m, const char *cmd) {
     for (const auto &c : m.commands) {
-        if (c.name == cmd) return &c;
+        if (c.name == cmd)
+            return &c;
     }
     return nullptr;
 }
 
 bool parse_int(const char *text, int32_t *out) {
-    if (text == nullptr) return false;
+    if (text == nullptr)
+        return false;
     errno = 0;
     char *end = nullptr;
     long v = strtol(text, &end, 10);
-    if (end == text || errno != 0 || v < INT32_MIN || v > INT32_MAX) return false;
-    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r') ++end;
-    if (*end != '\0') return false;
+    if (end == text || errno != 0 || v < INT32_MIN || v > INT32_MAX)
+        return false;
+    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r')
+        ++end;
+    if (*end != '\0')
+        return false;
     *out = static_cast<int32_t>(v);
     return true;
 }
@@ -67,7 +73,8 @@ bool parse_int(const char *text, int32_t *out) {
 }  // namespace
 
 extern "C" int32_t kril_multi_thread_init(void *global, const char *module, void *handle) {
-    if (module == nullptr || module[0] == '\0' || handle == nullptr) return KRIL_E_ARG;
+    if (module == nullptr || module[0] == '\0' || handle == nullptr)
+        return KRIL_E_ARG;
     std::lock_guard<std::mutex> lock(g_mutex);
     // A module registered again starts over with an empty command table.
     Module *m = find_module(module);
@@ -92,9 +99,11 @@ extern "C" int32_t kril_multi_thread_reg_mod_cmd(void *handle, const char *modul
     Handle h;
     memcpy(&h, handle, sizeof h);
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (h.magic != kMagic || h.module_id >= g_modules.size()) return KRIL_E_BAD_HANDLE;
+    if (h.magic != kMagic || h.module_id >= g_modules.size())
+        return KRIL_E_BAD_HANDLE;
     Module &m = g_modules[h.module_id];
-    if (m.name != module) return KRIL_E_NO_MODULE;
+    if (m.name != module)
+        return KRIL_E_NO_MODULE;
     if (strcmp(argfmt, "%d") != 0 && strcmp(argfmt, "url=%s") != 0 && strcmp(argfmt, "void") != 0)
         return KRIL_E_BAD_ARG;
     for (auto &c : m.commands) {
@@ -124,7 +133,8 @@ extern "C" uint32_t kril_module_count(void) {
 }
 
 extern "C" int32_t kril_command_count(const char *module) {
-    if (module == nullptr) return -1;
+    if (module == nullptr)
+        return -1;
     std::lock_guard<std::mutex> lock(g_mutex);
     const Module *m = find_module(module);
     return m ? static_cast<int32_t>(m->commands.size()) : -1;
@@ -132,43 +142,56 @@ extern "C" int32_t kril_command_count(const char *module) {
 
 extern "C" int32_t kril_command_at(const char *module, uint32_t i, char *cmd, size_t cmd_len,
                                    char *argfmt, size_t argfmt_len, void (**handler)(void)) {
-    if (module == nullptr) return KRIL_E_ARG;
+    if (module == nullptr)
+        return KRIL_E_ARG;
     std::lock_guard<std::mutex> lock(g_mutex);
     const Module *m = find_module(module);
-    if (m == nullptr) return KRIL_E_NO_MODULE;
-    if (i >= m->commands.size()) return KRIL_E_NO_COMMAND;
+    if (m == nullptr)
+        return KRIL_E_NO_MODULE;
+    if (i >= m->commands.size())
+        return KRIL_E_NO_COMMAND;
     const Command &c = m->commands[i];
-    if (cmd != nullptr && cmd_len > 0) snprintf(cmd, cmd_len, "%s", c.name.c_str());
-    if (argfmt != nullptr && argfmt_len > 0) snprintf(argfmt, argfmt_len, "%s", c.argfmt.c_str());
-    if (handler != nullptr) *handler = c.handler;
+    if (cmd != nullptr && cmd_len > 0)
+        snprintf(cmd, cmd_len, "%s", c.name.c_str());
+    if (argfmt != nullptr && argfmt_len > 0)
+        snprintf(argfmt, argfmt_len, "%s", c.argfmt.c_str());
+    if (handler != nullptr)
+        *handler = c.handler;
     return 0;
 }
 
 extern "C" int32_t kril_call(const char *module, const char *cmd, const char *arg,
                              int32_t *handler_rv) {
-    if (module == nullptr || cmd == nullptr) return KRIL_E_ARG;
+    if (module == nullptr || cmd == nullptr)
+        return KRIL_E_ARG;
     Command c;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
         const Module *m = find_module(module);
-        if (m == nullptr) return KRIL_E_NO_MODULE;
+        if (m == nullptr)
+            return KRIL_E_NO_MODULE;
         const Command *found = find_command(*m, cmd);
-        if (found == nullptr) return KRIL_E_NO_COMMAND;
+        if (found == nullptr)
+            return KRIL_E_NO_COMMAND;
         c = *found;
     }
     // The handler runs without the lock: it may register or call again.
     int32_t rv = 0;
     if (c.argfmt == "%d") {
         int32_t v;
-        if (!parse_int(arg, &v)) return KRIL_E_BAD_ARG;
+        if (!parse_int(arg, &v))
+            return KRIL_E_BAD_ARG;
         reinterpret_cast<void (*)(int32_t)>(c.handler)(v);
     } else if (c.argfmt == "url=%s") {
-        if (arg == nullptr || strncmp(arg, "url=", 4) != 0) return KRIL_E_BAD_ARG;
+        if (arg == nullptr || strncmp(arg, "url=", 4) != 0)
+            return KRIL_E_BAD_ARG;
         rv = reinterpret_cast<int32_t (*)(const char *)>(c.handler)(arg + 4);
     } else {
-        if (arg != nullptr && arg[0] != '\0') return KRIL_E_BAD_ARG;
+        if (arg != nullptr && arg[0] != '\0')
+            return KRIL_E_BAD_ARG;
         rv = reinterpret_cast<int32_t (*)(void)>(c.handler)();
     }
-    if (handler_rv != nullptr) *handler_rv = rv;
+    if (handler_rv != nullptr)
+        *handler_rv = rv;
     return 0;
 }

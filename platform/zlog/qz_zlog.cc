@@ -27,42 +27,54 @@ FILE *sink() {
     // Opened once; an unusable file falls back to standard error.
     if (g_sink == nullptr) {
         const char *path = getenv("QZ_ZLOG_FILE");
-        if (path != nullptr && path[0] != '\0') g_sink = fopen(path, "a");
-        if (g_sink == nullptr) g_sink = stderr;
+        if (path != nullptr && path[0] != '\0')
+            g_sink = fopen(path, "a");
+        if (g_sink == nullptr)
+            g_sink = stderr;
     }
     return g_sink;
 }
 
 const char *level_name(int level) {
     switch (level) {
-        case QZ_ZLOG_LEVEL_DEBUG: return "DEBUG";
-        case QZ_ZLOG_LEVEL_INFO: return "INFO";
-        case QZ_ZLOG_LEVEL_NOTICE: return "NOTICE";
-        case QZ_ZLOG_LEVEL_WARN: return "WARN";
-        case QZ_ZLOG_LEVEL_ERROR: return "ERROR";
-        case QZ_ZLOG_LEVEL_FATAL: return "FATAL";
-        default: return "LEVEL?";
+        case QZ_ZLOG_LEVEL_DEBUG:
+            return "DEBUG";
+        case QZ_ZLOG_LEVEL_INFO:
+            return "INFO";
+        case QZ_ZLOG_LEVEL_NOTICE:
+            return "NOTICE";
+        case QZ_ZLOG_LEVEL_WARN:
+            return "WARN";
+        case QZ_ZLOG_LEVEL_ERROR:
+            return "ERROR";
+        case QZ_ZLOG_LEVEL_FATAL:
+            return "FATAL";
+        default:
+            return "LEVEL?";
     }
 }
 
 }  // namespace
 
 extern "C" void *qz_zlog_init(const char *category) {
-    if (category == nullptr || category[0] == '\0') return nullptr;
+    if (category == nullptr || category[0] == '\0')
+        return nullptr;
     // Categories live for the process, as zlog's do.
     return new (std::nothrow) Category{category};
 }
 
 extern "C" void qzdf_zlog(void *category, const char *file, size_t filelen, const char *func,
                           size_t funclen, long line, int level, const char *format, ...) {
-    if (category == nullptr || format == nullptr) return;
+    if (category == nullptr || format == nullptr)
+        return;
     char msg[2048];
     va_list ap;
     va_start(ap, format);
     vsnprintf(msg, sizeof msg, format, ap);
     va_end(ap);
     size_t n = strlen(msg);
-    while (n > 0 && (msg[n - 1] == '\n' || msg[n - 1] == '\r')) msg[--n] = '\0';
+    while (n > 0 && (msg[n - 1] == '\n' || msg[n - 1] == '\r'))
+        msg[--n] = '\0';
 
     timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);

@@ -8,14 +8,17 @@ namespace {
 uint32_t g_fail_countdown = 0;
 
 bool injected_failure() {
-    if (g_fail_countdown == 0) return false;
+    if (g_fail_countdown == 0)
+        return false;
     return --g_fail_countdown == 0;
 }
 }  // namespace
 
 namespace qzcap {
 
-void *xmalloc(size_t size) { return injected_failure() ? nullptr : malloc(size); }
+void *xmalloc(size_t size) {
+    return injected_failure() ? nullptr : malloc(size);
+}
 
 void *xcalloc(size_t count, size_t size) {
     return injected_failure() ? nullptr : calloc(count, size);
@@ -23,4 +26,6 @@ void *xcalloc(size_t count, size_t size) {
 
 }  // namespace qzcap
 
-extern "C" void libqz_cap_test_fail_alloc(uint32_t nth) { g_fail_countdown = nth; }
+extern "C" void libqz_cap_test_fail_alloc(uint32_t nth) {
+    g_fail_countdown = nth;
+}

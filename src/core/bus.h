@@ -31,7 +31,8 @@ using ObjPtr = std::unique_ptr<T, ObjFree>;
 // Linear search from the first entry, as the store lists the fields it holds.
 inline bool holds_field(const qz_mom_hash_res_t &res, int32_t field) {
     for (uint32_t i = 0; i < res.field_count; ++i) {
-        if (res.field_nums[i] == field) return true;
+        if (res.field_nums[i] == field)
+            return true;
     }
     return false;
 }

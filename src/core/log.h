@@ -32,9 +32,9 @@ void emit(const char *src, const char *func, long line, int level, const char *f
 
 // A site logging under an explicit function name: shared helpers pass their
 // caller's name, never their own.
-#define QZ_LOG_SRC_FN(src, func, gate, level, ...)                         \
-    do {                                                                   \
-        if (::qzcap::gate_open(gate))                                      \
+#define QZ_LOG_SRC_FN(src, func, gate, level, ...)                        \
+    do {                                                                  \
+        if (::qzcap::gate_open(gate))                                     \
             ::qzcap::emit((src), (func), __LINE__, (level), __VA_ARGS__); \
     } while (0)
 
@@ -60,13 +60,13 @@ void emit(const char *src, const char *func, long line, int level, const char *f
 #define QZ_CHECK_PTR(ptr, name) QZ_CHECK_PTR_FN(__func__, ptr, name)
 
 // "<what> len too long %zu!\n" and -4 for a text of 256 characters or more.
-#define QZ_CHECK_LEN_FN(func, text, what)                                               \
-    do {                                                                                \
-        size_t qz_len_ = strlen(text);                                                  \
-        if (qz_len_ >= 256) {                                                           \
+#define QZ_CHECK_LEN_FN(func, text, what)                                              \
+    do {                                                                               \
+        size_t qz_len_ = strlen(text);                                                 \
+        if (qz_len_ >= 256) {                                                          \
             QZ_LOG_FN(func, 1, ::qzcap::kError, what " len too long %zu!\n", qz_len_); \
-            return LIBQZ_CAP_E_ARG;                                                     \
-        }                                                                               \
+            return LIBQZ_CAP_E_ARG;                                                    \
+        }                                                                              \
     } while (0)
 #define QZ_CHECK_LEN(text, what) QZ_CHECK_LEN_FN(__func__, text, what)
 

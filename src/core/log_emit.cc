@@ -14,7 +14,8 @@ void emit(const char *src, const char *func, long line, int level, const char *f
     vsnprintf(buf, sizeof buf, fmt, ap);
     va_end(ap);
     void *category = g_libqz_cap_zlog_category;
-    if (category == nullptr) return;
+    if (category == nullptr)
+        return;
     qzdf_zlog(category, src, strlen(src), func, strlen(func), line, level, "%s", buf);
 }
 

@@ -8,7 +8,8 @@
 namespace qzcap {
 
 inline constexpr char kLevelDir[] = "/data/.qzos/vsd/0/plibpub/cap/libqz_cap/";
-inline constexpr char kCommonLevelFile[] = "/data/.qzos/vsd/0/plibpub/cap/libqz_cap/libqz_cap_dbg.txt";
+inline constexpr char kCommonLevelFile[] =
+    "/data/.qzos/vsd/0/plibpub/cap/libqz_cap/libqz_cap_dbg.txt";
 inline constexpr char kCollectDir[] = "/data/collect";
 
 // Writes the data root followed by device_path into out (cut to cap - 1) and

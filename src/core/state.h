@@ -8,7 +8,9 @@
 
 namespace qzcap {
 
-inline bool is_default_ctx(const libqz_cap_ctrl_info_t *ctx) { return ctx == &g_libqz_cap_ctrl_info; }
+inline bool is_default_ctx(const libqz_cap_ctrl_info_t *ctx) {
+    return ctx == &g_libqz_cap_ctrl_info;
+}
 
 }  // namespace qzcap
 

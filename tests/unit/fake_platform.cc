@@ -26,11 +26,13 @@ Platform &Platform::get() {
 void Platform::reset() {
     for (auto &[op, q] : hashes_) {
         for (auto &spec : q) {
-            if (spec.view) protobuf_c_message_free_unpacked(spec.view, nullptr);
+            if (spec.view)
+                protobuf_c_message_free_unpacked(spec.view, nullptr);
         }
     }
     for (auto &spec : objects_) {
-        if (spec.obj) protobuf_c_message_free_unpacked(spec.obj, nullptr);
+        if (spec.obj)
+            protobuf_c_message_free_unpacked(spec.obj, nullptr);
     }
     *this = Platform();
     zlog_category_ = &g_category_token;
@@ -42,8 +44,12 @@ void Platform::will_return_status(const std::string &op, int32_t status) {
 void Platform::will_return_hash(const std::string &op, HashSpec spec) {
     hashes_[op].push_back(std::move(spec));
 }
-void Platform::will_return_object(ObjSpec spec) { objects_.push_back(spec); }
-void Platform::will_scan(ScanAction action) { scans_.push_back(std::move(action)); }
+void Platform::will_return_object(ObjSpec spec) {
+    objects_.push_back(spec);
+}
+void Platform::will_scan(ScanAction action) {
+    scans_.push_back(std::move(action));
+}
 void Platform::set_time(uint32_t sec, uint32_t nsec, uint32_t step_nsec) {
     sec_ = sec;
     nsec_ = nsec;
@@ -53,7 +59,8 @@ void Platform::set_time(uint32_t sec, uint32_t nsec, uint32_t step_nsec) {
 std::vector<Event> Platform::calls(const std::string &op) const {
     std::vector<Event> out;
     for (const auto &e : events_) {
-        if (e.op != "log" && (op.empty() || e.op == op)) out.push_back(e);
+        if (e.op != "log" && (op.empty() || e.op == op))
+            out.push_back(e);
     }
     return out;
 }
@@ -61,7 +68,8 @@ std::vector<Event> Platform::calls(const std::string &op) const {
 std::vector<Event> Platform::logs() const {
     std::vector<Event> out;
     for (const auto &e : events_) {
-        if (e.op == "log") out.push_back(e);
+        if (e.op == "log")
+            out.push_back(e);
     }
     return out;
 }
@@ -69,7 +77,8 @@ std::vector<Event> Platform::logs() const {
 std::vector<std::string> Platform::log_messages() const {
     std::vector<std::string> out;
     for (const auto &e : events_) {
-        if (e.op == "log") out.push_back(e.msg);
+        if (e.op == "log")
+            out.push_back(e.msg);
     }
     return out;
 }
@@ -84,7 +93,8 @@ Event &Platform::record(const std::string &op) {
 
 int32_t Platform::next_status(const std::string &op) {
     auto &q = statuses_[op];
-    if (q.empty()) return 0;
+    if (q.empty())
+        return 0;
     int32_t s = q.front();
     q.pop_front();
     return s;
@@ -98,7 +108,8 @@ qz_mom_hash_res_t *Platform::next_hash(const std::string &op) {
         q.pop_front();
     }
     if (spec.null) {
-        if (spec.view) protobuf_c_message_free_unpacked(spec.view, nullptr);
+        if (spec.view)
+            protobuf_c_message_free_unpacked(spec.view, nullptr);
         return nullptr;
     }
     auto *res = static_cast<qz_mom_hash_res_t *>(calloc(1, sizeof(qz_mom_hash_res_t)));
@@ -119,13 +130,16 @@ void *Platform::next_object(int32_t *error_code) {
         spec = objects_.front();
         objects_.pop_front();
     }
-    if (error_code) *error_code = spec.error_code;
-    if (spec.obj) live_objects_.insert(spec.obj);
+    if (error_code)
+        *error_code = spec.error_code;
+    if (spec.obj)
+        live_objects_.insert(spec.obj);
     return spec.obj;
 }
 
 int32_t Platform::run_scan(void *global, qz_mom_record_cb cb, void *privdata) {
-    if (scans_.empty()) return 0;
+    if (scans_.empty())
+        return 0;
     ScanAction action = std::move(scans_.front());
     scans_.pop_front();
     return action(global, cb, privdata);
@@ -140,7 +154,8 @@ void Platform::free_hash(qz_mom_hash_res_t *res) {
         errors_.push_back("qz_mom_hash_res_free of a result not handed out or already freed");
         return;
     }
-    if (res->view) protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(res->view), nullptr);
+    if (res->view)
+        protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(res->view), nullptr);
     free(res->field_nums);
     free(res);
 }
@@ -169,7 +184,8 @@ void Platform::next_time(uint32_t *sec, uint32_t *nsec) {
 
 void Platform::slept() {
     ++sleeps_;
-    if (sleep_hook_) sleep_hook_(sleeps_);
+    if (sleep_hook_)
+        sleep_hook_(sleeps_);
 }
 
 // ---- rendering and building messages
@@ -201,7 +217,8 @@ bool field_is_default(const ProtobufCFieldDescriptor &f, const void *member) {
 }  // namespace
 
 std::string render(const ProtobufCMessage *msg) {
-    if (msg == nullptr) return "null";
+    if (msg == nullptr)
+        return "null";
     const ProtobufCMessageDescriptor *d = msg->descriptor;
     std::string out = d->name;
     out += "{";
@@ -209,8 +226,10 @@ std::string render(const ProtobufCMessage *msg) {
     for (unsigned i = 0; i < d->n_fields; ++i) {
         const ProtobufCFieldDescriptor &f = d->fields[i];
         const char *member = reinterpret_cast<const char *>(msg) + f.offset;
-        if (field_is_default(f, member)) continue;
-        if (!first) out += " ";
+        if (field_is_default(f, member))
+            continue;
+        if (!first)
+            out += " ";
         first = false;
         out += f.name;
         out += "=";
@@ -235,7 +254,8 @@ std::string render(const ProtobufCMessage *msg) {
                 out += std::to_string(*reinterpret_cast<const int32_t *>(member));
         }
     }
-    if (msg->n_unknown_fields != 0) out += " unknown_fields";
+    if (msg->n_unknown_fields != 0)
+        out += " unknown_fields";
     out += "}";
     return out;
 }
@@ -259,7 +279,8 @@ Pmsg::Pmsg(int32_t cmd, ProtobufCMessage *view_owned, std::vector<int32_t> field
 }
 
 Pmsg::~Pmsg() {
-    if (view) protobuf_c_message_free_unpacked(view, nullptr);
+    if (view)
+        protobuf_c_message_free_unpacked(view, nullptr);
 }
 
 void Test::SetUp() {
@@ -368,10 +389,13 @@ int32_t qz_mom_subscribe_field(void *global, int32_t db, const ProtobufCMessage 
     e.db = db;
     e.key = fake::render(key);
     e.field_count = field_count;
-    for (uint32_t i = 0; fields && i < field_count; ++i) e.fields.push_back(fields[i]);
-    for (uint32_t i = 0; cbs && i < field_count; ++i) e.cbs.push_back(reinterpret_cast<void *>(cbs[i]));
+    for (uint32_t i = 0; fields && i < field_count; ++i)
+        e.fields.push_back(fields[i]);
+    for (uint32_t i = 0; cbs && i < field_count; ++i)
+        e.cbs.push_back(reinterpret_cast<void *>(cbs[i]));
     e.args_null = args == nullptr;
-    for (uint32_t i = 0; args && i < field_count; ++i) e.args.push_back(args[i]);
+    for (uint32_t i = 0; args && i < field_count; ++i)
+        e.args.push_back(args[i]);
     e.flags = flag;
     return P().next_status(e.op);
 }

@@ -35,10 +35,10 @@ struct Event {
     int32_t db = 0;
     std::string key;  // rendered key record ("" when none)
     bool has_option = false;
-    int32_t option = 0;     // *option of qz_mom_hgetall_ext_sync
-    int32_t flags = 0;      // 4th argument of scan/subscribe, last of subscribe_field
-    int32_t error_in = 0;   // *error_code on entry to qz_mom_get_sync
-    void *cb = nullptr;     // record or reconnect callback, or shell handler
+    int32_t option = 0;    // *option of qz_mom_hgetall_ext_sync
+    int32_t flags = 0;     // 4th argument of scan/subscribe, last of subscribe_field
+    int32_t error_in = 0;  // *error_code on entry to qz_mom_get_sync
+    void *cb = nullptr;    // record or reconnect callback, or shell handler
     void *privdata = nullptr;
     uint32_t field_count = 0;
     std::vector<int32_t> fields;
@@ -76,7 +76,7 @@ struct ObjSpec {
 using ScanAction = std::function<int32_t(void *global, qz_mom_record_cb cb, void *privdata)>;
 
 class Platform {
-public:
+  public:
     static Platform &get();
     void reset();
 
@@ -112,7 +112,7 @@ public:
     void next_time(uint32_t *sec, uint32_t *nsec);
     void slept();
 
-private:
+  private:
     uint64_t seq_ = 0;
     std::vector<Event> events_;
     std::map<std::string, std::deque<int32_t>> statuses_;
@@ -127,7 +127,9 @@ private:
     std::function<void(unsigned)> sleep_hook_;
 };
 
-inline Platform &P() { return Platform::get(); }
+inline Platform &P() {
+    return Platform::get();
+}
 
 // Renders a message as "full.name{field=value ...}", listing the fields that
 // differ from their initial value (string fields not pointing at the shared
@@ -154,7 +156,7 @@ struct Pmsg {
 // (gate level 1, a logging category set), and checks at the end that every
 // result was released exactly once.
 class Test : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
 };
