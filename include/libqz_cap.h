@@ -141,6 +141,169 @@ LIBQZ_CAP_API int32_t libqz_cap_get_local_ready_thread(void *global, libqz_cap_c
                                                        bool *ready);
 LIBQZ_CAP_API int32_t libqz_cap_get_local_ready(void *global, bool *ready);
 
+/* Whether the device-wide capability table is complete; reads once. A missing
+ * record reads as not ready. Returns 0, -4 or -8. */
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_glb_ready(void *global, bool *ready);
+
+/* Whether subcard nodeid's capability table is complete (found through the
+ * card inventory). Returns 0, -4, -21 or the scan's status. */
+LIBQZ_CAP_API int32_t libqz_cap_get_sub_card_local_ready_thread(void *global, bool *ready,
+                                                                int32_t nodeid);
+
+/* Exported flag for other components of the process; the library never
+ * touches it. */
+LIBQZ_CAP_API extern uint8_t g_libqz_g_cap_calc_ready;
+
+/* ---- Capability reads -----------------------------------------------------
+ * Blocking reads poll once a second until the value is published or the
+ * device reports its table complete, then read once more; _no_block reads
+ * read once. Returns 0, -4, -21 (bus failure), -22 (no record) or -24 (the
+ * record lacks the value). Outputs are set first (false, -1, "" with length
+ * 0) and keep that value on any failure after the argument checks.
+ * Strings: at most min(255, str_len - 1) characters are copied. */
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_bool_thread(void *global, const char *url,
+                                                         libqz_cap_ctrl_info_t *ctx, bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_bool(void *global, const char *url, bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_bool_no_block_thread(void *global, const char *url,
+                                                                  libqz_cap_ctrl_info_t *ctx,
+                                                                  bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_bool_no_block(void *global, const char *url,
+                                                           bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_int32_thread(void *global, const char *url,
+                                                          libqz_cap_ctrl_info_t *ctx,
+                                                          int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_int32(void *global, const char *url, int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_int32_no_block_thread(void *global, const char *url,
+                                                                   libqz_cap_ctrl_info_t *ctx,
+                                                                   int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_int32_no_block(void *global, const char *url,
+                                                            int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_str_thread(void *global, const char *url,
+                                                        uint32_t str_len,
+                                                        libqz_cap_ctrl_info_t *ctx, char *str,
+                                                        uint32_t *length);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_str(void *global, const char *url, uint32_t str_len,
+                                                 char *str, uint32_t *length);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_str_no_block_thread(void *global, const char *url,
+                                                                 uint32_t str_len,
+                                                                 libqz_cap_ctrl_info_t *ctx,
+                                                                 char *str, uint32_t *length);
+LIBQZ_CAP_API int32_t libqz_cap_get_capacity_str_no_block(void *global, const char *url,
+                                                          uint32_t str_len, char *str,
+                                                          uint32_t *length);
+
+/* Second names of the device-wide reads: the same functions. */
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_bool_thread(void *global, const char *url,
+                                                         libqz_cap_ctrl_info_t *ctx, bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_bool(void *global, const char *url, bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_bool_no_block_thread(void *global, const char *url,
+                                                                  libqz_cap_ctrl_info_t *ctx,
+                                                                  bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_bool_no_block(void *global, const char *url,
+                                                           bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32_thread(void *global, const char *url,
+                                                          libqz_cap_ctrl_info_t *ctx,
+                                                          int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32(void *global, const char *url, int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32_no_block_thread(void *global, const char *url,
+                                                                   libqz_cap_ctrl_info_t *ctx,
+                                                                   int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32_no_block(void *global, const char *url,
+                                                            int32_t *value);
+
+/* The blocking int32 read on the default context; on failure *value gets
+ * default_value and the failing status is returned. */
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32_default(void *global, const char *url,
+                                                           int32_t *value, int32_t default_value);
+
+/* "global_spec/platform/<name>" built in ctx->url (at most 254 characters);
+ * NULL when name or ctx is NULL. Valid until the next call on ctx. */
+LIBQZ_CAP_API char *libqz_cap_form_spec_url_thread(const char *name, libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API char *libqz_cap_form_spec_url(const char *name);
+
+/* Subcard reads: as the device-wide ones, keyed by node id and URL, waiting
+ * on the subcard's readiness (cached per node id). -6: no node. */
+LIBQZ_CAP_API int32_t libqz_cap_get_subcard_capacity_bool(void *global, int32_t nodeid,
+                                                          const char *url, bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_subcard_capacity_bool_no_block(void *global, int32_t nodeid,
+                                                                   const char *url, bool *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_subcard_capacity_int32(void *global, int32_t nodeid,
+                                                           const char *url, int32_t *value);
+LIBQZ_CAP_API int32_t libqz_cap_get_subcard_capacity_int32_no_block(void *global, int32_t nodeid,
+                                                                    const char *url,
+                                                                    int32_t *value);
+
+/* ---- Pushed-message values ------------------------------------------------
+ * For a value subscriber's callback: the URL (cut to size - 1 and 255) and
+ * the value of the pushed record. url must hold a terminated string on entry.
+ * Returns 0, -4, -21, -22, -23 or -24; on failure the outputs are cleared. */
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_bool_by_pmsg_thread(struct qz_mom_pmsg *pmsg,
+                                                                 int32_t size, char *url,
+                                                                 libqz_cap_ctrl_info_t *ctx,
+                                                                 bool *value, uint32_t *length);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_bool_by_pmsg(struct qz_mom_pmsg *pmsg, int32_t size,
+                                                          char *url, bool *value, uint32_t *length);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32_by_pmsg_thread(struct qz_mom_pmsg *pmsg,
+                                                                  int32_t size, char *url,
+                                                                  libqz_cap_ctrl_info_t *ctx,
+                                                                  int32_t *value, uint32_t *length);
+LIBQZ_CAP_API int32_t libqz_cap_ce_get_g_cap_int32_by_pmsg(struct qz_mom_pmsg *pmsg, int32_t size,
+                                                           char *url, int32_t *value,
+                                                           uint32_t *length);
+
+/* ---- Subscriptions ---------------------------------------------------------
+ * Each successful global subscription is recorded in the context's registry
+ * and renewed after the bus reconnects. Callbacks run on the bus's thread.
+ * Returns 0, -4, -2, or the bus's or the registry's code. */
+
+/* A value subscriber's callback; take the URL and value out with the
+ * libqz_cap_ce_get_g_cap_*_by_pmsg extractors. */
+typedef int32_t (*libqz_cap_value_cb)(void *global, struct qz_mom_pmsg *pmsg, void *arg);
+typedef int32_t (*libqz_cap_state_cb)(void *global, void *arg);
+
+typedef struct libqz_cap_subcard_msg {
+    int32_t nodeid;
+    int32_t config_dev_type;
+    bool ready;
+} libqz_cap_subcard_msg_t;
+/* msg lives for the call only. */
+typedef int32_t (*libqz_cap_subcard_cb)(void *global, libqz_cap_subcard_msg_t *msg, void *arg);
+
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_bool_ext_thread(void *global, const char *url,
+                                                                   libqz_cap_value_cb fp, void *arg,
+                                                                   libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_bool_ext(void *global, const char *url,
+                                                            libqz_cap_value_cb fp, void *arg);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_bool_thread(void *global, const char *url,
+                                                               libqz_cap_value_cb fp,
+                                                               libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_bool(void *global, const char *url,
+                                                        libqz_cap_value_cb fp);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_int32_ext_thread(void *global, const char *url,
+                                                                    libqz_cap_value_cb fp,
+                                                                    void *arg,
+                                                                    libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_int32_ext(void *global, const char *url,
+                                                             libqz_cap_value_cb fp, void *arg);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_int32_thread(void *global, const char *url,
+                                                                libqz_cap_value_cb fp,
+                                                                libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_int32(void *global, const char *url,
+                                                         libqz_cap_value_cb fp);
+
+/* fp(global, arg) runs whenever the device-wide readiness record is
+ * delivered (also one stored before the subscription). */
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_state_thread(void *global, const char *name,
+                                                                libqz_cap_state_cb fp, void *arg,
+                                                                libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_ce_subscribe_g_cap_state(void *global, const char *name,
+                                                         libqz_cap_state_cb fp, void *arg);
+
+/* fp runs for every subcard readiness record delivered. Not recorded in a
+ * registry, so not renewed after a reconnection. mod must not be NULL. */
+LIBQZ_CAP_API int32_t libqz_cap_subscribe_subcard_state(void *global, void *mod,
+                                                        libqz_cap_subcard_cb fp, void *arg);
+
 /* ---- Hash table ---------------------------------------------------------- */
 
 /* Maps an item (or a key shaped like one) to its index value. */

@@ -93,6 +93,26 @@ typedef struct libqz_cap_holder {
     struct fun *fun;
 } libqz_cap_holder_t;
 
+/* ---- Reads, pushed messages and subscriptions ------------------------------- */
+
+/* Card-information scan callback; privdata points to the wanted node id. */
+int32_t libqz_cap_card_info_cb(void *global, struct qz_mom_pmsg *pmsg, void *privdata);
+
+/* A node for payload->nodeid, linked in node-id order; NULL without memory. */
+libqz_cap_subcard_node_t *libqz_cap_node_init(const libqz_cap_subcard_node_payload_t *payload);
+
+/* The global-state callback given to the bus; privdata is a struct fun. */
+int32_t libqz_cap_ce_glb_ready_pmsg_f(void *global, struct qz_mom_pmsg *pmsg, void *privdata);
+
+/* The subcard-state callback given to the bus; privdata is a struct fun. */
+int32_t subscribe_subcard_state_cb(void *global, struct qz_mom_pmsg *pmsg, void *privdata);
+
+/* Reconnect callback: renews every record of ctx's registry. Returns 0. */
+int32_t libqz_cap_reconnect_cap_thread(void *global, int32_t db, int32_t type, void *ctx);
+
+/* Registry walk callback of the renewal; arg is the context. */
+int32_t libqz_cap_ce_subscribe_g_cap_recon_thread(void *item, void *ctx);
+
 #ifdef __cplusplus
 }
 #endif
