@@ -45,8 +45,10 @@ void qz_mom_client_destroy(void *global);
 
 /*
  * Writes the listed fields of `record` (key from the record type and its
- * index) and notifies subscribers. Index fields are never listed. Returns 0
- * or a QZ_MOM_E_ code.
+ * index) in one step and notifies subscribers. Listing the index field, a
+ * number that is not a field of the type, or no field is QZ_MOM_E_ARG. A
+ * NULL message field removes that hash field (a record left without fields
+ * is deleted). Returns 0 or a QZ_MOM_E_ code.
  */
 int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMessage *record, uint32_t field_count,
                      const int32_t *fields);
@@ -57,7 +59,17 @@ int32_t qz_mom_delete(void *global, int32_t db, const ProtobufCMessage *key);
 /*
  * Raw access by store key and hash field, for tools and tests that need to
  * write what a typed write cannot (a malformed value, an unknown field).
- * `value` may hold any bytes.
+ * `value` may hold any bytes. Subscribers are notified as for a typed write.
+ *
+ * Store layout (the same on every store, so an operator can publish with
+ * `redis-cli -n 3 HSET 'p_libpub.cap_table|global_spec/platform/foo' 6 1`):
+ * key = type full name, plus for a keyed type '|' and each index value in
+ * field-number order ('|' and '\' in values escaped by '\'); hash field =
+ * decimal field number; value = decimal text for integers and bool, raw
+ * bytes for string and bytes, packed protobuf for message fields. The index
+ * is rebuilt from the key, never stored as a field. A value that does not
+ * parse makes reads fail with QZ_MOM_E_DECODE and scans and pushes skip the
+ * record with one stderr line.
  */
 int32_t qz_mom_hset_raw(void *global, int32_t db, const char *key, const char *field,
                         const void *value, size_t value_len);

@@ -1,0 +1,184 @@
+// A client handle (the `global` of every bus call): its store connection,
+// its subscriptions and its delivery thread. Everything the bus promises
+// about events lives here, written once for every store backend:
+//
+// - Event codes: 1 a record of an unkeyed type delivered (scan or change);
+//   4 a keyed record delivered by a scan; 6 a keyed record changed; 7 a
+//   record deleted (no result); 29 a subscription is in place (no result).
+// - A delivery carries the whole record after the change.
+// - Subscription and reconnect callbacks run on the handle's one delivery
+//   thread, in the order of the handle's queue: a subscription sees its 29
+//   first, then every change of its records, none lost or reordered. The
+//   queue lock is never held while a callback runs, so a callback may call
+//   the bus again (scan, read, subscribe, write) on any handle.
+// - A scan runs on the calling thread and calls back once per record, in
+//   key order, before it returns, with no store lock held.
+// - A field subscription keeps the last value it saw of each listed field
+//   and delivers only when one of them differs. It starts from the values in
+//   place when it is made; when its 29 is sent they are compared with the
+//   store, so a change made meanwhile is delivered right after the 29. When a
+//   reconnect drops it, its last values are remembered; an identical field
+//   subscription made later (same db, key, field, callback and argument)
+//   starts from them instead, so a change made while it was dropped is
+//   delivered right after its 29 too.
+//
+// Lock order: subs_mu_ -> the store's lock -> q_mu_. Callbacks run with no
+// lock held.
+#ifndef QZ_MOM_IMPL_CLIENT_H
+#define QZ_MOM_IMPL_CLIENT_H
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+#include "faults.h"
+#include "qz_mom.h"
+#include "store.h"
+
+namespace qzmom {
+
+using Value = std::optional<std::string>;  // a hash field's value; nullopt: absent
+
+// One (field, callback, argument) entry of a field subscription.
+struct FieldTarget {
+    int32_t field = 0;
+    std::string name;  // the hash field name
+    qz_mom_record_cb cb = nullptr;
+    void *arg = nullptr;
+    Value last;  // delivery thread only: the value last seen
+    // The value the subscription starts from, compared with the store when
+    // its 29 is sent: the value remembered from a dropped identical
+    // subscription, else the value in place when it was made.
+    std::optional<Value> base;
+};
+
+struct Sub {
+    uint64_t id = 0;
+    int32_t db = 0;
+    const ProtobufCMessageDescriptor *desc = nullptr;
+    bool keyed = false;
+    bool whole_type = false;        // every record of a keyed type
+    std::string key;                // the exact key, or the type name when whole_type
+    qz_mom_record_cb cb = nullptr;  // a record subscription's callback
+    void *priv = nullptr;
+    std::vector<FieldTarget> targets;  // a field subscription's entries (else empty)
+    uint64_t watch_id = 0;
+    std::atomic<bool> active{true};
+    bool confirmed = false;  // delivery thread only: its 29 has been sent
+
+    bool is_field() const { return !targets.empty(); }
+};
+using SubPtr = std::shared_ptr<Sub>;
+
+class Client final : public StoreListener {
+  public:
+    // Creates a handle for uri (NULL: $QZ_MOM_URI, else "mem:") and starts its
+    // delivery thread. Null, with one stderr line, on failure.
+    static Client *create(const char *uri);
+
+    // The handle behind `global`, or null when it is not a live handle.
+    static Client *from(void *global) {
+        auto *c = static_cast<Client *>(global);
+        return c != nullptr && c->magic_ == kMagic ? c : nullptr;
+    }
+
+    // Stops the delivery thread, ends the store's watches and frees the
+    // handle's subscriptions. REQUIRES: not on the delivery thread.
+    ~Client() override;
+
+    Store &store() { return *store_; }
+    FaultQueue &faults() { return faults_; }
+    bool on_delivery_thread() const { return std::this_thread::get_id() == thread_id_; }
+
+    // A result for reading key (error_code set on failure); null only when
+    // memory runs out. Not counted as handed out.
+    qz_mom_hash_res_t *read(int32_t db, const ProtobufCMessage *key);
+
+    int32_t scan(int32_t db, const ProtobufCMessage *pattern, qz_mom_record_cb cb, void *priv);
+    int32_t subscribe(int32_t db, const ProtobufCMessage *pattern, qz_mom_record_cb cb, void *priv);
+    int32_t subscribe_field(int32_t db, const ProtobufCMessage *key, uint32_t n,
+                            const int32_t *fields, qz_mom_record_cb *cbs, void **args);
+    int32_t add_reconnect_cb(int32_t db, qz_mom_reconnect_cb cb, void *user);
+
+    // Drops every subscription, then runs the reconnect callbacks on the
+    // delivery thread; returns once they have returned.
+    int32_t simulate_reconnect();
+
+    // Returns once everything queued so far has been handled (at once on the
+    // delivery thread itself).
+    void drain();
+
+    uint32_t subscription_count();
+
+    // What qz_mom_set_write_buf_len asked for (a Redis store sizes its
+    // output buffer with it; the embedded store has none).
+    std::atomic<uint32_t> write_buf_len{0};
+
+    // StoreListener.
+    void on_change(ChangePtr change) override;
+    void on_connection_lost() override;
+    void on_reconnected() override;
+
+  private:
+    static constexpr uint32_t kMagic = 0x716d6f6d;  // "qmom"
+
+    struct Item {
+        ChangePtr change;            // a change to deliver, or
+        std::function<void()> task;  // work to run on the delivery thread
+    };
+    struct ReconnectCb {
+        qz_mom_reconnect_cb cb;
+        void *user;
+        int32_t db;
+    };
+    // (db, key, field, callback, argument) of a dropped field subscription entry.
+    using RememberKey = std::tuple<int32_t, std::string, int32_t, qz_mom_record_cb, void *>;
+
+    Client() = default;
+    void run();
+    void post(Item item);
+    int32_t add_sub(const SubPtr &sub);
+    void confirm(const SubPtr &sub);
+    void deliver_change(const Change &c);
+    void deliver_record(Sub &sub, const Change &c, bool *reported);
+    void deliver_fields(Sub &sub, const std::string &key, const Record *rec,
+                        const std::vector<bool> &hit, bool *reported);
+    void drop_all();
+    void run_reconnect_cbs();
+    void call(qz_mom_record_cb cb, void *arg, int32_t cmd, qz_mom_hash_res_t *res);
+
+    uint32_t magic_ = kMagic;
+    std::unique_ptr<Store> store_;
+    FaultQueue faults_;
+
+    std::mutex subs_mu_;  // guards the maps below and the remembered values
+    uint64_t next_sub_ = 1;
+    std::unordered_multimap<std::string, SubPtr, StrHash, std::equal_to<>> by_key_;
+    std::unordered_multimap<std::string, SubPtr, StrHash, std::equal_to<>> by_type_;
+    std::multimap<RememberKey, Value> remembered_;
+
+    std::mutex cbs_mu_;
+    std::vector<ReconnectCb> reconnect_cbs_;
+
+    std::mutex q_mu_;
+    std::condition_variable q_cv_;
+    std::deque<Item> queue_;
+    bool stop_ = false;
+    std::thread thread_;
+    std::thread::id thread_id_;
+};
+
+}  // namespace qzmom
+
+#endif  // QZ_MOM_IMPL_CLIENT_H

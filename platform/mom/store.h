@@ -1,0 +1,132 @@
+// The store behind a client handle: the only part that differs between the
+// embedded store and a Redis store. Everything the bus promises about events,
+// subscriptions, decoding and reconnection lives in the client (client.h),
+// written once over this interface.
+//
+// Model (Redis's): numbered databases; in each, records keyed by a string
+// (codec.h builds the keys), each record a hash of field name -> bytes. A
+// record with no fields does not exist.
+//
+// A Store object is one handle's connection: open_store() makes one per
+// client, with the client as its listener. Several connections may reach the
+// same data (two handles on "mem:NAME", or on one redis-server); a write
+// through any of them is seen by the watches of all of them.
+//
+// A Redis backend maps the calls as follows: get -> HGETALL; scan -> SCAN
+// MATCH "<type>|*" (keyed) or the exact type name, then HGETALL each, sorted;
+// write -> HSET/HDEL in one MULTI; remove -> DEL; watch -> SUBSCRIBE of the
+// record's exact keyspace channel "__keyspace@<db>__:<key>" for a key watch,
+// PSUBSCRIBE "__keyspace@<db>__:<type>|*" for a whole-type watch (per-key
+// patterns cost every push on the server; see design.md); on_change after a
+// keyspace event carries an HGETALL snapshot and changed_known = false.
+#ifndef QZ_MOM_IMPL_STORE_H
+#define QZ_MOM_IMPL_STORE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "record.h"
+
+namespace qzmom {
+
+// One change of one record, as a watch sees it.
+struct Change {
+    int32_t db = 0;
+    std::string key;
+    Snapshot record;  // the whole record after the change; null when it was deleted
+    // When changed_known, `changed` lists the numbers of the fields whose
+    // value changed (set to a different value, appeared or disappeared); a
+    // write that changed nothing still produces a Change, with an empty list.
+    // A backend that cannot tell (Redis) leaves changed_known false.
+    bool changed_known = false;
+    std::vector<int32_t> changed;
+};
+using ChangePtr = std::shared_ptr<const Change>;
+
+// What a watch covers: one exact key, or every key "<type>|..." of a keyed type.
+struct WatchSpec {
+    int32_t db = 0;
+    std::string key;  // the exact key, or the type name when whole_type
+    bool whole_type = false;
+};
+
+// One field of a write: set name to value, or remove the field.
+struct FieldWrite {
+    std::string_view name;
+    std::string_view value;
+    bool remove = false;
+};
+
+// A record with its key, as a scan returns it.
+struct Entry {
+    std::string key;
+    Snapshot record;
+};
+
+// Receives the store's events. Implemented by the client.
+class StoreListener {
+  public:
+    virtual ~StoreListener() = default;
+
+    // A watched record changed. Called in the order the store applied the
+    // changes, possibly with a store lock held and from any thread: the
+    // listener only queues the change and returns; it must not call the
+    // store from here.
+    virtual void on_change(ChangePtr change) = 0;
+
+    // The connection is lost: every watch is gone, calls fail with
+    // QZ_MOM_E_CONN until on_reconnected.
+    virtual void on_connection_lost() = 0;
+
+    // The connection is back (after on_connection_lost). Watches are not
+    // restored: the client's reconnect callbacks renew what they need.
+    virtual void on_reconnected() = 0;
+};
+
+// One handle's connection to a store. Thread-safe: every call may come from
+// any thread at once (the client's callers and its delivery thread).
+// Calls return 0 or a negative QZ_MOM_E_ code.
+class Store {
+  public:
+    virtual ~Store() = default;
+
+    // Makes sure database db is reachable (blocking).
+    virtual int32_t connect(int32_t db) = 0;
+
+    // *out = the record under key, or null when none is stored.
+    virtual int32_t get(int32_t db, std::string_view key, Snapshot *out) = 0;
+
+    // Every record of a type, sorted by key: keys "<type>|..." when keyed,
+    // else the one key "<type>".
+    virtual int32_t scan(int32_t db, std::string_view type, bool keyed,
+                         std::vector<Entry> *out) = 0;
+
+    // Applies the writes to the record under key in one step (creating it;
+    // a record left without fields is deleted) and notifies watches.
+    virtual int32_t write(int32_t db, std::string_view key, const FieldWrite *writes,
+                          size_t count) = 0;
+
+    // Deletes the record (0 also when none was stored) and notifies watches.
+    virtual int32_t remove(int32_t db, std::string_view key) = 0;
+
+    // Starts delivering changes of spec's records to the listener. Each call
+    // is its own watch, ended by unwatch(*id).
+    virtual int32_t watch(const WatchSpec &spec, uint64_t *id) = 0;
+    virtual void unwatch(uint64_t id) = 0;
+
+    // Ends every watch and stops all calls to the listener: once close()
+    // returns, the listener is never called again.
+    virtual void close() = 0;
+};
+
+// Opens a connection for the URI ("mem:", "mem:NAME"; Redis URIs are not
+// built yet). On failure returns null and sets *why.
+std::unique_ptr<Store> open_store(std::string_view uri, StoreListener *listener, std::string *why);
+
+}  // namespace qzmom
+
+#endif  // QZ_MOM_IMPL_STORE_H
