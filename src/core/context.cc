@@ -21,13 +21,16 @@ constexpr size_t kProcPathLen = 128;
 extern "C" {
 
 libqz_cap_ctrl_info_t *libqz_cap_ctrl_info_init(void) {
-    auto *ctx = static_cast<libqz_cap_ctrl_info_t *>(
-        qzcap::xcalloc(1, sizeof(libqz_cap_ctrl_info_t)));
-    if (ctx == nullptr) QZ_LOG(1, qzcap::kError, "malloc mem fail\r\n");
+    auto *ctx =
+        static_cast<libqz_cap_ctrl_info_t *>(qzcap::xcalloc(1, sizeof(libqz_cap_ctrl_info_t)));
+    if (ctx == nullptr)
+        QZ_LOG(1, qzcap::kError, "malloc mem fail\r\n");
     return ctx;
 }
 
-void libqz_cap_ctrl_info_free(libqz_cap_ctrl_info_t *ctx) { free(ctx); }
+void libqz_cap_ctrl_info_free(libqz_cap_ctrl_info_t *ctx) {
+    free(ctx);
+}
 
 int32_t libqz_cap_set_mem_size_thread(void *global, libqz_cap_ctrl_info_t *ctx) {
     QZ_CHECK_PTR(global, "global");
@@ -35,8 +38,9 @@ int32_t libqz_cap_set_mem_size_thread(void *global, libqz_cap_ctrl_info_t *ctx) 
     int32_t rv = qz_mom_set_write_buf_len(global, LIBQZ_CAP_DB, kBufLen);
     // A bus client that keeps its default buffer still works: report, carry on.
     if (rv != 0) {
-        QZ_LOG(1, qzcap::kError, "qz_mom_set_write_buf_len global %p db %d buf_len %d, failed, rv %d",
-               global, LIBQZ_CAP_DB, kBufLen, rv);
+        QZ_LOG(1, qzcap::kError,
+               "qz_mom_set_write_buf_len global %p db %d buf_len %d, failed, rv %d", global,
+               LIBQZ_CAP_DB, kBufLen, rv);
     }
     rv = kril_lib_set_mem(global, kBufLen);
     if (rv != 0) {
@@ -61,7 +65,8 @@ char *libqz_cap_get_app_name(int32_t pid, char *name, uint32_t len) {
         return nullptr;
     }
     // No room even for the terminator: leave the caller's buffer alone.
-    if (len == 0) return name;
+    if (len == 0)
+        return name;
     memset(name, 0, len);
 
     char path[kProcPathLen];

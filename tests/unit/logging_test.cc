@@ -1,0 +1,207 @@
+// Gate level, level files and the logging category.
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <climits>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "core/log.h"
+#include "core_expect.h"
+#include "fake_platform.h"
+#include "internal.h"
+
+namespace {
+
+using core_expect::only_record_is;
+using core_expect::record_is;
+using fake::P;
+namespace fs = std::filesystem;
+
+int g_bus;
+void *const kGlobal = &g_bus;
+
+// Each test gets its own data root with the level directory in it.
+class LevelFiles : public fake::Test {
+  protected:
+    void SetUp() override {
+        fake::Test::SetUp();
+        char tmpl[] = "/tmp/qzcap-levels-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        dir_ = root_ + "/data/.qzos/vsd/0/plibpub/cap/libqz_cap/";
+        fs::create_directories(dir_);
+        setenv("QZCAP_DATA_ROOT", root_.c_str(), 1);
+    }
+    void TearDown() override {
+        unsetenv("QZCAP_DATA_ROOT");
+        fs::remove_all(root_);
+        fake::Test::TearDown();
+    }
+    std::string write(const std::string &name, const std::string &text) {
+        std::ofstream(dir_ + name, std::ios::binary) << text;
+        return dir_ + name;
+    }
+    std::string common(const std::string &text) { return write("libqz_cap_dbg.txt", text); }
+
+    std::string root_, dir_;
+};
+
+TEST_F(LevelFiles, TextIsReadAsDecimalFromFirst15Bytes) {
+    struct Case {
+        std::string text;
+        int32_t level;
+    } cases[] = {
+        {"", 0},
+        {"2\n", 2},
+        {"4", 4},
+        {" \t-1", -1},
+        {"+3", 3},
+        {"12abc", 12},
+        {"abc", 0},
+        // Only "000000000000004" is read; the rest would make it huge.
+        {"000000000000004" + std::string(25, '9'), 4},
+        // Saturated as strtol does with the device's 32-bit long.
+        {"99999999999", INT32_MAX},
+        {"-99999999999", INT32_MIN},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE("file text \"" + c.text + "\"");
+        g_libqz_cap_zlog_level = 1;
+        EXPECT_EQ(libqz_cap_load_level_file(common(c.text).c_str()), 0);
+        EXPECT_EQ(g_libqz_cap_zlog_level, c.level);
+    }
+}
+
+TEST_F(LevelFiles, MissingOrUnreadableFileLeavesLevel) {
+    g_libqz_cap_zlog_level = 3;
+    EXPECT_EQ(libqz_cap_load_level_file((dir_ + "absent").c_str()), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+
+    // A directory opens read-only but cannot be read.
+    fs::create_directory(dir_ + "libqz_cap_dbg.txt");
+    EXPECT_EQ(libqz_cap_load_level_file((dir_ + "libqz_cap_dbg.txt").c_str()), -11);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+    EXPECT_EQ(libqz_cap_zlog_init("qzapp"), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+}
+
+TEST_F(LevelFiles, NoFilesKeepLevelAndOpenCategory) {
+    g_libqz_cap_zlog_category = nullptr;
+    g_libqz_cap_zlog_level = 7;
+    EXPECT_EQ(libqz_cap_zlog_init("qzapp"), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 7);
+    auto calls = P().calls("qz_zlog_init");
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].module, "libqz_cap");
+    EXPECT_EQ(g_libqz_cap_zlog_category, P().zlog_category());
+}
+
+TEST_F(LevelFiles, PerApplicationFileIsAppliedAfterCommonOne) {
+    common("4");
+    EXPECT_EQ(libqz_cap_zlog_init("qzapp"), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 4);
+
+    g_libqz_cap_zlog_level = 1;
+    P().reset();
+    common("5");
+    write("qzapp", "0");
+    write("qzapp.txt", "3");  // no extension is added
+    EXPECT_EQ(libqz_cap_zlog_init("qzapp"), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 0);
+    // 1 -> 5 is not logged, 5 -> 0 is: the common file came first.
+    only_record_is("set debug level 0", 40, "libqz_cap_log_level", core_expect::kDbg);
+}
+
+TEST_F(LevelFiles, LongApplicationNameIsCutTo127CharacterPath) {
+    const size_t dir_len = strlen("/data/.qzos/vsd/0/plibpub/cap/libqz_cap/");
+    const size_t kept = 127 - dir_len;
+    write(std::string(kept - 1, 'a'), "6");
+    write(std::string(kept, 'a'), "3");
+    write(std::string(kept + 1, 'a'), "7");
+    EXPECT_EQ(libqz_cap_zlog_init(std::string(200, 'a').c_str()), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+}
+
+TEST_F(LevelFiles, NullNameIsRejectedBeforeAnything) {
+    common("4");
+    EXPECT_EQ(libqz_cap_zlog_init(nullptr), -4);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 1);
+    EXPECT_TRUE(P().calls("qz_zlog_init").empty());
+    only_record_is("name NULL pointer, addr error!\n", 100, "libqz_cap_zlog_init");
+}
+
+TEST_F(LevelFiles, FailedCategoryStillReturnsZeroAndSilencesLibrary) {
+    P().set_zlog_category(nullptr);
+    EXPECT_EQ(libqz_cap_zlog_init("qzapp"), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_category, nullptr);
+    EXPECT_EQ(libqz_cap_set_mem_size(nullptr), -4);
+    EXPECT_TRUE(P().logs().empty());
+}
+
+class Gate : public fake::Test {};
+
+TEST_F(Gate, SettingLevelLogsWhenOldLevelOpensTraces) {
+    struct Case {
+        int32_t from, to;
+        bool logged;
+    } cases[] = {{5, 0, true}, {1, 5, false}, {3, 4, false}, {4, 4, true}, {-1, 2, true}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.from) + " -> " + std::to_string(c.to));
+        P().reset();
+        g_libqz_cap_zlog_level = c.from;
+        libqz_cap_log_level(c.to);
+        EXPECT_EQ(g_libqz_cap_zlog_level, c.to);
+        if (c.logged) {
+            only_record_is("set debug level " + std::to_string(c.to), 40, "libqz_cap_log_level",
+                           core_expect::kDbg);
+        } else {
+            EXPECT_TRUE(P().logs().empty());
+        }
+    }
+    // Lowered to 0, the library is silent from then on.
+    P().reset();
+    libqz_cap_log_level(0);
+    EXPECT_EQ(libqz_cap_set_mem_size(nullptr), -4);
+    EXPECT_TRUE(P().logs().empty());
+}
+
+// Gate 1 through an argument check, gate 4 through the readiness traces.
+TEST_F(Gate, LevelIsComparedUnsigned) {
+    struct Case {
+        int32_t level;
+        size_t errors, traces;
+    } cases[] = {{0, 0, 0}, {1, 1, 0}, {3, 1, 0}, {4, 1, 3}, {-1, 1, 3}, {INT32_MIN, 1, 3}};
+    libqz_cap_ctrl_info_t ctx{};
+    for (const Case &c : cases) {
+        SCOPED_TRACE("level " + std::to_string(c.level));
+        g_libqz_cap_zlog_level = c.level;
+        P().reset();
+        EXPECT_EQ(libqz_cap_set_mem_size(nullptr), -4);
+        EXPECT_EQ(P().logs().size(), c.errors);
+        P().reset();
+        bool ready = true;
+        EXPECT_EQ(libqz_cap_get_local_ready_thread(kGlobal, &ctx, &ready), 0);
+        EXPECT_EQ(P().logs().size(), c.traces);
+    }
+}
+
+TEST_F(Gate, ClosedSiteDoesNotEvaluateItsArguments) {
+    int evaluated = 0;
+    QZ_LOG(4, qzcap::kInfo, "%d", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
+    EXPECT_TRUE(P().logs().empty());
+    g_libqz_cap_zlog_level = 4;
+    QZ_LOG(4, qzcap::kInfo, "%d", ++evaluated);
+    EXPECT_EQ(P().log_messages(), std::vector<std::string>{"1"});
+}
+
+TEST_F(Gate, MessagesAreCutAt1023Characters) {
+    const std::string exact(1023, 'x');
+    QZ_LOG(1, qzcap::kError, "%s", exact.c_str());
+    QZ_LOG(1, qzcap::kError, "%s!", exact.c_str());
+    EXPECT_EQ(P().log_messages(), (std::vector<std::string>{exact, exact}));
+}
+
+}  // namespace
