@@ -1,0 +1,128 @@
+// Subcard capability reads: keyed by node id and URL, waiting on the
+// subcard's readiness, which is cached in its node for the whole process.
+#include <cstring>
+
+#include "p_libpub.pb-c.h"
+#include "query/value_read.h"
+
+namespace {
+
+using qzcap::read::Member;
+
+constexpr PLibpub__CapSubcardTable kSubcardTableInit = P_LIBPUB__CAP_SUBCARD_TABLE__INIT;
+constexpr PLibpub__CapSubcardTableIndex kSubcardTableIndexInit =
+    P_LIBPUB__CAP_SUBCARD_TABLE_INDEX__INIT;
+
+struct Subcard {
+    static constexpr bool kHasCtx = false;
+    using Record = PLibpub__CapSubcardTable;
+    int32_t nodeid;
+    libqz_cap_subcard_node_t *node = nullptr;  // set by prepare()
+
+    // Refers to the caller's URL text for the duration of the call.
+    class Key {
+      public:
+        Key(const char *url, const Subcard &scope) {
+            index_.nodeid = scope.nodeid;
+            index_.url = const_cast<char *>(url);
+            rec_.index = &index_;
+        }
+        Key(const Key &) = delete;
+        Key &operator=(const Key &) = delete;
+        const ProtobufCMessage *msg() const { return &rec_.base; }
+
+      private:
+        PLibpub__CapSubcardTableIndex index_ = kSubcardTableIndexInit;
+        PLibpub__CapSubcardTable rec_ = kSubcardTableInit;
+    };
+
+    // The first node of this id, created (in id order) on first use.
+    int32_t prepare(const char *fn) {
+        libqz_cap_list_head_t *const head = &cap_sub_card_nodes_list;
+        for (libqz_cap_list_head_t *pos = head->next; pos != head; pos = pos->next) {
+            auto *n = reinterpret_cast<libqz_cap_subcard_node_t *>(pos);
+            if (n->payload.nodeid == nodeid) {
+                node = n;
+                return 0;
+            }
+        }
+        libqz_cap_subcard_node_payload_t payload;
+        memset(&payload, 0, sizeof payload);
+        payload.nodeid = nodeid;
+        node = libqz_cap_node_init(&payload);
+        if (node == nullptr) {
+            QZ_LOG_FN(fn, 1, qzcap::kError, "node init err");
+            return LIBQZ_CAP_E_NODE;
+        }
+        return 0;
+    }
+    bool ready() const { return node->payload.ready != 0; }
+    void waited(void *global) const {
+        ++node->payload.sleep_time;
+        // A failed readiness read leaves the flag false: keep waiting.
+        bool flag = false;
+        libqz_cap_get_sub_card_local_ready_thread(global, &flag, nodeid);
+        node->payload.ready = flag;
+    }
+};
+
+// The members and everything that tells them apart.
+constexpr char kEntry[] = "global %p, url %s, nodeid %d";
+constexpr char kTmpNull[] = "url %s, tmp NULL";
+constexpr char kFieldInvalid[] = "url %s, field invalid";
+
+constexpr Member kBool{.func = "libqz_cap_get_subcard_capacity_bool",
+                       .blocking = true,
+                       .entry_nodeid = true,
+                       .entry = kEntry,
+                       .found_waiting = "url %s value: %d",
+                       .found = "url %s, value: %d",
+                       .tmp_null = kTmpNull,
+                       .field_invalid = kFieldInvalid};
+constexpr Member kBoolNoBlock{.func = "libqz_cap_get_subcard_capacity_bool_no_block",
+                              .entry_nodeid = true,
+                              .entry = kEntry,
+                              .found = "url %s value: %d",
+                              .tmp_null = "url %s tmp NULL",
+                              .field_invalid = "url %s field invalid"};
+constexpr Member kInt32{.func = "libqz_cap_get_subcard_capacity_int32",
+                        .blocking = true,
+                        .entry_nodeid = true,
+                        .entry = kEntry,
+                        .found_waiting = "url %s, value: %d",
+                        .found = "url %s, value: %d",
+                        .tmp_null = kTmpNull,
+                        .field_invalid = kFieldInvalid};
+constexpr Member kInt32NoBlock{.func = "libqz_cap_get_subcard_capacity_int32_no_block",
+                               .entry = "global %p, url %s",
+                               .found = "url %s, value: %d",
+                               .tmp_null = kTmpNull,
+                               .field_invalid = kFieldInvalid};
+
+}  // namespace
+
+extern "C" {
+
+int32_t libqz_cap_get_subcard_capacity_bool(void *global, int32_t nodeid, const char *url,
+                                            bool *value) {
+    return qzcap::read::read<kBool>(global, url, Subcard{nodeid}, qzcap::read::BoolOut{value});
+}
+
+int32_t libqz_cap_get_subcard_capacity_bool_no_block(void *global, int32_t nodeid, const char *url,
+                                                     bool *value) {
+    return qzcap::read::read<kBoolNoBlock>(global, url, Subcard{nodeid},
+                                           qzcap::read::BoolOut{value});
+}
+
+int32_t libqz_cap_get_subcard_capacity_int32(void *global, int32_t nodeid, const char *url,
+                                             int32_t *value) {
+    return qzcap::read::read<kInt32>(global, url, Subcard{nodeid}, qzcap::read::Int32Out{value});
+}
+
+int32_t libqz_cap_get_subcard_capacity_int32_no_block(void *global, int32_t nodeid, const char *url,
+                                                      int32_t *value) {
+    return qzcap::read::read<kInt32NoBlock>(global, url, Subcard{nodeid},
+                                            qzcap::read::Int32Out{value});
+}
+
+}  // extern "C"
