@@ -6,8 +6,10 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "internal.h"
 #include "kril.h"
 #include "kril_shell.h"
 
@@ -23,6 +25,7 @@ struct Module {
     std::string name;
     void *global;
     std::vector<Command> commands;
+    std::thread::id owner;  // its commands run here
 };
 
 // What a handle holds: written into the caller's 16 bytes with memcpy.
@@ -75,19 +78,26 @@ bool parse_int(const char *text, int32_t *out) {
 extern "C" int32_t kril_multi_thread_init(void *global, const char *module, void *handle) {
     if (module == nullptr || module[0] == '\0' || handle == nullptr)
         return KRIL_E_ARG;
-    std::lock_guard<std::mutex> lock(g_mutex);
-    // A module registered again starts over with an empty command table.
-    Module *m = find_module(module);
-    if (m == nullptr) {
-        g_modules.push_back(Module{module, global, {}});
-        m = &g_modules.back();
-    } else {
-        m->global = global;
-        m->commands.clear();
-    }
-    Handle h{kMagic, static_cast<uint32_t>(m - g_modules.data()), 0};
-    memcpy(handle, &h, sizeof h);
-    return 0;
+    return kril::guarded([&]() -> int32_t {
+        const auto self = std::this_thread::get_id();
+        if (int32_t rv = kril::server_attach(self); rv != 0)
+            return rv;
+        std::lock_guard<std::mutex> lock(g_mutex);
+        // A module registered again starts over with an empty command table,
+        // served by the thread that registered it last.
+        Module *m = find_module(module);
+        if (m == nullptr) {
+            g_modules.push_back(Module{module, global, {}, self});
+            m = &g_modules.back();
+        } else {
+            m->global = global;
+            m->commands.clear();
+            m->owner = self;
+        }
+        Handle h{kMagic, static_cast<uint32_t>(m - g_modules.data()), 0};
+        memcpy(handle, &h, sizeof h);
+        return 0;
+    });
 }
 
 extern "C" int32_t kril_multi_thread_reg_mod_cmd(void *handle, const char *module, const char *cmd,
@@ -98,22 +108,25 @@ extern "C" int32_t kril_multi_thread_reg_mod_cmd(void *handle, const char *modul
         return KRIL_E_ARG;
     Handle h;
     memcpy(&h, handle, sizeof h);
-    std::lock_guard<std::mutex> lock(g_mutex);
-    if (h.magic != kMagic || h.module_id >= g_modules.size())
-        return KRIL_E_BAD_HANDLE;
-    Module &m = g_modules[h.module_id];
-    if (m.name != module)
-        return KRIL_E_NO_MODULE;
-    if (strcmp(argfmt, "%d") != 0 && strcmp(argfmt, "url=%s") != 0 && strcmp(argfmt, "void") != 0)
-        return KRIL_E_BAD_ARG;
-    for (auto &c : m.commands) {
-        if (c.name == cmd) {
-            c = Command{cmd, argfmt, handler};
-            return 0;
+    return kril::guarded([&]() -> int32_t {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        if (h.magic != kMagic || h.module_id >= g_modules.size())
+            return KRIL_E_BAD_HANDLE;
+        Module &m = g_modules[h.module_id];
+        if (m.name != module)
+            return KRIL_E_NO_MODULE;
+        if (strcmp(argfmt, "%d") != 0 && strcmp(argfmt, "url=%s") != 0 &&
+            strcmp(argfmt, "void") != 0)
+            return KRIL_E_BAD_ARG;
+        for (auto &c : m.commands) {
+            if (c.name == cmd) {
+                c = Command{cmd, argfmt, handler};
+                return 0;
+            }
         }
-    }
-    m.commands.push_back(Command{cmd, argfmt, handler});
-    return 0;
+        m.commands.push_back(Command{cmd, argfmt, handler});
+        return 0;
+    });
 }
 
 extern "C" int32_t kril_lib_set_mem(void * /*global*/, uint32_t len) {
@@ -165,33 +178,74 @@ extern "C" int32_t kril_call(const char *module, const char *cmd, const char *ar
     if (module == nullptr || cmd == nullptr)
         return KRIL_E_ARG;
     Command c;
-    {
+    int32_t found = kril::guarded([&]() -> int32_t {
         std::lock_guard<std::mutex> lock(g_mutex);
         const Module *m = find_module(module);
         if (m == nullptr)
             return KRIL_E_NO_MODULE;
-        const Command *found = find_command(*m, cmd);
-        if (found == nullptr)
+        const Command *f = find_command(*m, cmd);
+        if (f == nullptr)
             return KRIL_E_NO_COMMAND;
-        c = *found;
-    }
+        c = *f;
+        return 0;
+    });
+    if (found != 0)
+        return found;
+    if (!kril::arg_fits(c.argfmt, arg))
+        return KRIL_E_BAD_ARG;
     // The handler runs without the lock: it may register or call again.
     int32_t rv = 0;
     if (c.argfmt == "%d") {
-        int32_t v;
-        if (!parse_int(arg, &v))
-            return KRIL_E_BAD_ARG;
+        int32_t v = 0;
+        parse_int(arg, &v);
         reinterpret_cast<void (*)(int32_t)>(c.handler)(v);
     } else if (c.argfmt == "url=%s") {
-        if (arg == nullptr || strncmp(arg, "url=", 4) != 0)
-            return KRIL_E_BAD_ARG;
         rv = reinterpret_cast<int32_t (*)(const char *)>(c.handler)(arg + 4);
     } else {
-        if (arg != nullptr && arg[0] != '\0')
-            return KRIL_E_BAD_ARG;
         rv = reinterpret_cast<int32_t (*)(void)>(c.handler)();
     }
     if (handler_rv != nullptr)
         *handler_rv = rv;
     return 0;
 }
+
+namespace kril {
+
+bool arg_fits(const std::string &argfmt, const char *arg) {
+    int32_t v;
+    if (argfmt == "%d")
+        return parse_int(arg, &v);
+    if (argfmt == "url=%s")
+        return arg != nullptr && strncmp(arg, "url=", 4) == 0;
+    return arg == nullptr || arg[0] == '\0';
+}
+
+int32_t find_target(const std::string &module, const std::string &cmd, Target *t) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    const Module *m = find_module(module.c_str());
+    if (m == nullptr)
+        return KRIL_E_NO_MODULE;
+    const Command *c = find_command(*m, cmd.c_str());
+    if (c == nullptr)
+        return KRIL_E_NO_COMMAND;
+    *t = Target{m->owner, c->argfmt};
+    return 0;
+}
+
+std::string listing() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    std::string out;
+    for (const auto &m : g_modules) {
+        out += m.name + "\n";
+        for (const auto &c : m.commands)
+            out += "    " + c.name + " " + c.argfmt + "\n";
+    }
+    return out;
+}
+
+void copy_out(const std::string &text, char *buf, size_t len) {
+    if (buf != nullptr && len > 0)
+        snprintf(buf, len, "%s", text.c_str());
+}
+
+}  // namespace kril

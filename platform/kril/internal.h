@@ -1,0 +1,82 @@
+// What the shell's pieces share: the registry as the server sees it, the
+// run directory, and descriptor ownership.
+#ifndef KRIL_INTERNAL_H
+#define KRIL_INTERNAL_H
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kril_shell.h"
+
+namespace kril {
+
+class Fd {
+  public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(Fd &&o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+    Fd &operator=(Fd &&o) noexcept {
+        if (this != &o)
+            reset(std::exchange(o.fd_, -1));
+        return *this;
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    ~Fd() { reset(); }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    void reset(int fd = -1) {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+// No exception may leave a C entry point.
+template <class F>
+int32_t guarded(F &&f) noexcept {
+    try {
+        return f();
+    } catch (...) {
+        return KRIL_E_NOMEM;
+    }
+}
+
+void copy_out(const std::string &text, char *buf, size_t len);
+
+// Registry (kril.cc).
+struct Target {
+    std::thread::id owner;
+    std::string argfmt;
+};
+int32_t find_target(const std::string &module, const std::string &cmd, Target *t);
+bool arg_fits(const std::string &argfmt, const char *arg);
+std::string listing();
+
+// Server (server.cc): gives the calling thread a request queue and, the first
+// time, starts listening.
+int32_t server_attach(std::thread::id thread);
+
+// Run directory (rundir.cc).
+std::string run_dir();
+std::string socket_path(const std::string &dir, pid_t pid);
+int32_t check_run_dir(const std::string &dir, bool create, std::string *why);
+// Pids that have a socket in dir, alive or not.
+std::vector<pid_t> socket_pids(const std::string &dir);
+
+// Writes everything, without SIGPIPE; false when the peer is gone.
+bool send_all(int fd, const std::string &data, int flags = 0);
+
+}  // namespace kril
+
+#endif  // KRIL_INTERNAL_H
