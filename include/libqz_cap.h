@@ -106,7 +106,8 @@ LIBQZ_CAP_API int32_t libqz_cap_set_mem_size_thread(void *global, libqz_cap_ctrl
 LIBQZ_CAP_API int32_t libqz_cap_set_mem_size(void *global);
 
 /* Writes the base name of process pid's executable ("app" when unreadable)
- * into name, cut to len - 1 bytes and terminated. Returns name. */
+ * into name, cut to len - 1 bytes and terminated. Returns name (NULL for a
+ * NULL name; len 0 leaves it untouched). */
 LIBQZ_CAP_API char *libqz_cap_get_app_name(int32_t pid, char *name, uint32_t len);
 
 /* ---- Logging ------------------------------------------------------------ */
@@ -121,7 +122,8 @@ LIBQZ_CAP_API extern void *g_libqz_cap_zlog_category;
 /* Sets the gate level; any value is accepted. */
 LIBQZ_CAP_API void libqz_cap_log_level(int32_t level);
 
-/* Applies the level files and opens the "libqz_cap" category. Returns 0. */
+/* Applies the level files and opens the "libqz_cap" category. Returns 0, or
+ * -4 for a NULL name. */
 LIBQZ_CAP_API int32_t libqz_cap_zlog_init(const char *app_name);
 
 /* ---- Start-up step timing ---------------------------------------------- */
@@ -129,7 +131,7 @@ LIBQZ_CAP_API int32_t libqz_cap_zlog_init(const char *app_name);
 /* Step names, one per 32-byte slot, indexed by step number. */
 LIBQZ_CAP_API extern const char g_libqz_cap_time_rec_name[LIBQZ_CAP_INIT_STEPS][32];
 
-/* Prints the step-time report of ctx (REQUIRES: ctx not NULL). Returns 0. */
+/* Prints the step-time report of ctx. Returns 0, or -4 for a NULL ctx. */
 LIBQZ_CAP_API int libqz_cap_dbg_show_time_thread(libqz_cap_ctrl_info_t *ctx);
 LIBQZ_CAP_API int libqz_cap_dbg_show_time(void);
 
@@ -328,7 +330,8 @@ LIBQZ_CAP_API void qz_cap_hash_del_item(qz_cap_hash_table *table, void *key);
 /* Returns the newest item equal to key, or NULL. */
 LIBQZ_CAP_API void *qz_cap_hash_find_item(qz_cap_hash_table *table, void *key);
 /* Calls fn on every item, bucket by bucket; fn may delete the item it is
- * given. Returns -1 for a NULL table, else fn's first non-zero result, else 0. */
+ * given. Returns -1 for a NULL table or fn, else fn's first non-zero result,
+ * else 0. */
 LIBQZ_CAP_API int32_t qz_cap_hash_each_item_op(qz_cap_hash_table *table, qz_cap_hash_item_fn fn,
                                                void *arg);
 /* The same over slice cur_part of max_part slices of the buckets. Returns -1
@@ -359,6 +362,54 @@ typedef struct sub_info {
 
 /* The registry's index value: the URL's bytes hashed by 31, plus the type. */
 LIBQZ_CAP_API uint32_t libqz_cap_get_sub_hash_index(sub_info *item);
+
+/* ---- Initialisation ---------------------------------------------------------
+ * Binds ctx to the bus handle: logging set-up, connection to database 3, the
+ * subscription registry, the reconnect callback and, for a thread's default
+ * context, the debug module. A second call with the same handle does nothing.
+ * reg_name only labels log records. Returns 0, -4, -11 or the bus's result. */
+LIBQZ_CAP_API int32_t libqz_cap_init_thread(void *global, const char *reg_name,
+                                            libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_init(void *global, const char *reg_name);
+
+/* ---- Diagnostics ---------------------------------------------------------------
+ * The debug module "libqz_cap_<application>" and its command handlers. The
+ * handlers use the calling thread's default context and print to standard
+ * output. */
+
+/* Registers the debug module and its 19 commands. Returns 0, -4 (a NULL
+ * argument) or -11 (the shell refused the module). */
+LIBQZ_CAP_API int32_t libqz_cap_kril_init_thread(void *global, const char *app_name,
+                                                 libqz_cap_ctrl_info_t *ctx);
+
+LIBQZ_CAP_API int32_t libqz_cap_dbg_get_cap_bool(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_get_cap_int32(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_get_cap_str(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_get_cap_bool_no_block(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_get_cap_int32_no_block(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_get_cap_str_no_block(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_ce_get_g_cap_bool(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_ce_get_g_cap_int32(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_ce_get_g_cap_bool_no_block(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_ce_get_g_cap_int32_no_block(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_ce_subscribe_g_cap_bool(const char *url);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_ce_subscribe_g_cap_int32(const char *url);
+
+/* Memory estimate of a context's registry. Returns 0, or -4 for a NULL ctx. */
+LIBQZ_CAP_API int32_t libqz_cap_dbg_show_memory_thread(libqz_cap_ctrl_info_t *ctx);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_show_memory(void);
+
+/* Readiness, gate level, registry, memory estimate and step times of ctx.
+ * Returns 0, or -4 for a NULL ctx. */
+LIBQZ_CAP_API int32_t libqz_cap_dbg_dump_all_thread(libqz_cap_ctrl_info_t *ctx);
+
+/* Standard input, output and error into "/data/collect/libqz_cap_<app>.log",
+ * and back to the saved standard output. */
+LIBQZ_CAP_API int32_t libqz_cap_dbg_log_redirect2file(void);
+LIBQZ_CAP_API int32_t libqz_cap_dbg_log_redirect2std(void);
+
+/* The full dump of the default context, written into the collect file. */
+LIBQZ_CAP_API int32_t libqz_cap_dbg_collect(void);
 
 #ifdef __cplusplus
 }

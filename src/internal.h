@@ -38,6 +38,12 @@ struct qz_cap_hash_table {
     qz_cap_hash_compare_fn compare;
 };
 
+/* ---- Client context --------------------------------------------------------- */
+
+/* The text after the last '/' of an executable's link text (all of it
+ * without one). Points into link_text. */
+const char *libqz_cap_exe_base_name(const char *link_text);
+
 /* ---- Logging and start-up steps ------------------------------------------ */
 
 /* Applies one level file. Returns 0 (missing file, or applied) or -11. */
@@ -112,6 +118,17 @@ int32_t libqz_cap_reconnect_cap_thread(void *global, int32_t db, int32_t type, v
 
 /* Registry walk callback of the renewal; arg is the context. */
 int32_t libqz_cap_ce_subscribe_g_cap_recon_thread(void *item, void *ctx);
+
+/* ---- Debug module (handlers that are not exported) ------------------------------ */
+
+int32_t libqz_cap_dbg_dump_stat(void);
+int32_t libqz_cap_dbg_dump_sub_hash(void);
+int32_t libqz_cap_dbg_dump_all(void);
+/* Registry walk callback printing one record; returns 0. */
+int32_t libqz_cap_dbg_print_sub_item(void *item, void *arg);
+/* Value callbacks of the debug subscriptions. */
+int32_t libqz_cap_dbg_bool_sub_cb(void *global, struct qz_mom_pmsg *pmsg, void *arg);
+int32_t libqz_cap_dbg_int32_sub_cb(void *global, struct qz_mom_pmsg *pmsg, void *arg);
 
 #ifdef __cplusplus
 }

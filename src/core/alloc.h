@@ -6,11 +6,26 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 
 namespace qzcap {
 
 void *xmalloc(size_t size);
 void *xcalloc(size_t count, size_t size);
+
+struct Free {
+    void operator()(void *p) const { std::free(p); }
+};
+// Owns an xmalloc/xcalloc block until release() hands it on.
+template <class T>
+using XPtr = std::unique_ptr<T, Free>;
+
+// One zero-filled T; empty when the allocation fails.
+template <class T>
+XPtr<T> xcalloc_one() {
+    return XPtr<T>(static_cast<T *>(xcalloc(1, sizeof(T))));
+}
 
 }  // namespace qzcap
 

@@ -23,4 +23,7 @@ libqz_cap_list_head_t g_glb_state_holders = {&g_glb_state_holders, &g_glb_state_
 libqz_cap_list_head_t g_subcard_state_holders = {&g_subcard_state_holders,
                                                  &g_subcard_state_holders};
 
+int g_collect_saved_stdout = -1;
+int g_collect_fd = -1;
+
 }  // namespace qzcap

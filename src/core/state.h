@@ -16,6 +16,11 @@ extern int32_t g_found_config_dev_type;
 extern libqz_cap_list_head_t g_glb_state_holders;
 extern libqz_cap_list_head_t g_subcard_state_holders;
 
+// Collection: the saved copy of standard output and the open collect file;
+// -1 when none.
+extern int g_collect_saved_stdout;
+extern int g_collect_fd;
+
 // Appends node at the tail of a circular list.
 inline void list_append(libqz_cap_list_head_t *head, libqz_cap_list_head_t *node) {
     node->next = head;
