@@ -1,0 +1,171 @@
+// qzcap_bench: the library against raw hiredis on one private redis-server,
+// and the embedded store on one core. Prints a table per benchmark and a
+// summary; see bench/README.md.
+//
+// Exit status: 0 all ran and (full run) met their targets; 1 a benchmark
+// could not run or an operation or callback failed; 2 (full run only) a
+// target was missed.
+#include <sched.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <hiredis/hiredis.h>
+
+#include "bench.h"
+#include "figures.h"
+#include "redis_server.h"
+
+#ifndef QZCAP_BENCH_BUILD_TYPE
+#define QZCAP_BENCH_BUILD_TYPE "unknown"
+#endif
+
+namespace {
+
+using qzbench::Figure;
+using qzbench::Options;
+
+void usage() {
+    std::printf(
+        "usage: qzcap_bench [--smoke] [--only=1,2,3,4] [--blocks=N] [--ops=N] [--subs=N]\n"
+        "                   [--rounds=N] [--redis-server=PATH]\n"
+        "  --smoke   a short run that checks every operation and callback, not the speed\n"
+        "  --only    run only the listed benchmarks (1 Redis read, 2 embedded read,\n"
+        "            3 push latency, 4 renewal after a restart)\n");
+}
+
+bool parse_int(const char *arg, const char *name, int *out) {
+    size_t len = std::strlen(name);
+    if (std::strncmp(arg, name, len) != 0 || arg[len] != '=')
+        return false;
+    *out = std::atoi(arg + len + 1);
+    return true;
+}
+
+bool parse(int argc, char **argv, Options *o) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--smoke") == 0) {
+            o->smoke = true;
+            o->blocks = 2;
+            o->ops = 100;
+            o->warmup = 20;
+            o->batch = 100;
+            o->batches = 5;
+            o->subs = 50;
+            o->renew_rounds = 1;
+        }
+    }
+    for (int i = 1; i < argc; ++i) {
+        const char *a = argv[i];
+        if (std::strcmp(a, "--smoke") == 0 || parse_int(a, "--blocks", &o->blocks) ||
+            parse_int(a, "--ops", &o->ops) || parse_int(a, "--subs", &o->subs) ||
+            parse_int(a, "--rounds", &o->renew_rounds))
+            continue;
+        if (std::strncmp(a, "--only=", 7) == 0) {
+            for (const char *p = a + 7; *p != '\0'; ++p)
+                if (*p >= '1' && *p <= '4')
+                    o->only.push_back(*p - '0');
+            continue;
+        }
+        if (std::strncmp(a, "--redis-server=", 15) == 0) {
+            o->redis_server = a + 15;
+            continue;
+        }
+        usage();
+        return false;
+    }
+    if (o->blocks < 1 || o->ops < 1 || o->subs < 1 || o->renew_rounds < 1) {
+        std::fprintf(stderr, "qzcap_bench: counts must be at least 1\n");
+        return false;
+    }
+    return true;
+}
+
+std::string cpu_model() {
+    std::ifstream in("/proc/cpuinfo");
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("model name", 0) == 0)
+            return line.substr(line.find(':') + 2);
+    return "unknown CPU";
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options opts;
+    if (!parse(argc, argv, &opts))
+        return 1;
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    cpu_set_t mask;
+    CPU_ZERO(&mask);
+    sched_getaffinity(0, sizeof mask, &mask);
+    utsname u{};
+    uname(&u);
+    std::printf(
+        "qzcap_bench%s: %ld cores online (%d usable), %s, Linux %s; %s build; "
+        "hiredis %d.%d.%d\n",
+        opts.smoke ? " --smoke" : "", sysconf(_SC_NPROCESSORS_ONLN), CPU_COUNT(&mask),
+        cpu_model().c_str(), u.release, QZCAP_BENCH_BUILD_TYPE, HIREDIS_MAJOR, HIREDIS_MINOR,
+        HIREDIS_PATCH);
+
+    std::vector<Figure> figures;
+    bool need_server = opts.wants(1) || opts.wants(3) || opts.wants(4);
+    std::unique_ptr<qzbench::RedisServer> server;
+    if (need_server) {
+        std::string why;
+        std::string bin = qzbench::find_redis_server(opts.redis_server, &why);
+        if (bin.empty()) {
+            std::fprintf(stderr, "qzcap_bench: FAILED: %s\n", why.c_str());
+            return 1;
+        }
+        server = std::make_unique<qzbench::RedisServer>(bin);
+        if (!server->start(&why)) {
+            std::fprintf(stderr, "qzcap_bench: FAILED: starting %s: %s\n", bin.c_str(),
+                         why.c_str());
+            return 1;
+        }
+        std::printf("private redis-server %s on %s (no persistence, keyspace notifications)\n",
+                    server->version().c_str(), server->socket_path().c_str());
+    }
+
+    if (opts.wants(1))
+        figures.push_back(qzbench::bench_redis_read(opts, *server));
+    if (opts.wants(2))
+        figures.push_back(qzbench::bench_mem_read(opts));
+    if (opts.wants(3))
+        figures.push_back(qzbench::bench_push(opts, *server));
+    if (opts.wants(4))
+        figures.push_back(qzbench::bench_renewal(opts, *server));
+    if (server)
+        server->stop();
+
+    bool all_ran = true, all_met = true;
+    std::printf("\nsummary (%s)\n", opts.smoke ? "smoke run: correctness only, speed not judged"
+                                               : "targets judged on this run");
+    for (const Figure &f : figures) {
+        if (!f.ran_ok) {
+            all_ran = false;
+            std::printf("  [%d] %-52s FAILED: %s\n", f.number, f.title.c_str(), f.error.c_str());
+            continue;
+        }
+        all_met = all_met && f.target_met;
+        std::printf("  [%d] %s\n      %s\n      target %s: %s\n", f.number, f.title.c_str(),
+                    f.summary.c_str(), f.target.c_str(),
+                    opts.smoke     ? "not judged (smoke)"
+                    : f.target_met ? "met"
+                                   : "MISSED");
+    }
+    if (!all_ran)
+        return 1;
+    if (!opts.smoke && !all_met)
+        return 2;
+    return 0;
+}
