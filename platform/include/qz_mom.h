@@ -115,7 +115,9 @@ int32_t qz_mom_scan_sync(void *global, int32_t db, const ProtobufCMessage *patte
  * subscription is in place, then for every later change the whole record
  * after it: cmd 6 (keyed) or 1 (unkeyed); cmd 7 (no result) on a delete.
  * Each call is its own subscription: two identical calls deliver twice.
- * `flags` is not used.
+ * `flags` is not used. On a Redis store, which reads a record after each
+ * change event, changes in quick succession may arrive as one delivery of
+ * the latest record, and a rewrite of identical values delivers nothing.
  */
 int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufCMessage *pattern, int32_t flags,
                          qz_mom_record_cb cb, void *privdata);

@@ -21,7 +21,8 @@ enum {
     QZ_MOM_E_DECODE = -1002, /* a stored value does not parse as its field's type */
     QZ_MOM_E_CONN = -1003,   /* no connection to the store */
     QZ_MOM_E_NOMEM = -1004,  /* out of memory */
-    QZ_MOM_E_REPLY = -1005,  /* the store answered something unexpected */
+    QZ_MOM_E_REPLY = -1005,  /* the store answered something unexpected (a key that is
+                                not a hash, a database the server does not have) */
     QZ_MOM_E_TYPE = -1006    /* a key names a record type the client does not know */
 };
 
@@ -30,10 +31,20 @@ enum {
  *   uri NULL         : $QZ_MOM_URI, or the embedded store "mem:" when unset
  *   "mem:" "mem:NAME": the embedded in-process store NAME; handles on the same
  *                      name share its records and see each other's changes
- *   "redis://host:port", "unix:/path": a redis-server
+ *   "redis://host:port", "unix:/path": a redis-server (records in the
+ *                      database each call names, 3 for the library)
  * Returns NULL when the URI is malformed or the store cannot be set up.
  * Starts the client's delivery thread, on which subscription and reconnect
  * callbacks run.
+ *
+ * A redis-server is reached at creation (1 s timeouts), and its keyspace
+ * notifications are turned on (flags K, g, h, x, e added to those already
+ * set). NULL, with one stderr line saying why, when it does not answer,
+ * requires a password or refuses CONFIG. Later, when the connection is lost,
+ * every call fails at once with QZ_MOM_E_CONN while the handle reconnects by
+ * itself (back-off from 10 ms doubling to 1 s); once back, its subscriptions
+ * are gone and the reconnect callbacks run. One stderr line when the
+ * connection is lost, one when it is back.
  */
 void *qz_mom_client_create(const char *uri);
 

@@ -1,5 +1,8 @@
 #include "client.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -47,8 +50,14 @@ Client *Client::create(const char *uri) {
         report("cannot create a client for \"%s\": %s", u, why.c_str());
         return nullptr;
     }
+    if (c->store_->serves()) {
+        c->wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (c->wake_fd_ < 0) {
+            report("cannot create a client for \"%s\": eventfd failed", u);
+            return nullptr;
+        }
+    }
     c->thread_ = std::thread([p = c.get()] { p->run(); });
-    c->thread_id_ = c->thread_.get_id();
     return c.release();
 }
 
@@ -60,15 +69,38 @@ Client::~Client() {
         std::lock_guard<std::mutex> lk(q_mu_);
         stop_ = true;
     }
-    q_cv_.notify_one();
+    wake();
     if (thread_.joinable())
         thread_.join();
+    if (wake_fd_ >= 0)
+        close(wake_fd_);
+}
+
+void Client::wake() {
+    if (wake_fd_ < 0) {
+        q_cv_.notify_one();
+        return;
+    }
+    const uint64_t one = 1;
+    ssize_t n = write(wake_fd_, &one, sizeof one);
+    (void)n;  // the counter is already non-zero
 }
 
 void Client::run() {
+    thread_id_.store(std::this_thread::get_id(), std::memory_order_relaxed);
     std::unique_lock<std::mutex> lk(q_mu_);
     for (;;) {
-        q_cv_.wait(lk, [this] { return stop_ || !queue_.empty(); });
+        if (wake_fd_ < 0) {
+            q_cv_.wait(lk, [this] { return stop_ || !queue_.empty(); });
+        } else {
+            while (!stop_ && queue_.empty()) {
+                waiting_ = true;
+                lk.unlock();
+                store_->serve(wake_fd_);
+                lk.lock();
+                waiting_ = false;
+            }
+        }
         if (stop_)
             return;
         Item item = std::move(queue_.front());
@@ -91,11 +123,15 @@ void Client::run() {
 }
 
 void Client::post(Item item) {
+    bool idle = false;
     {
         std::lock_guard<std::mutex> lk(q_mu_);
         queue_.push_back(std::move(item));
+        idle = waiting_;
     }
-    q_cv_.notify_one();
+    // From the delivery thread (a store serving it) nothing needs waking.
+    if (wake_fd_ < 0 || (idle && !on_delivery_thread()))
+        wake();
 }
 
 void Client::on_change(ChangePtr change) {
@@ -107,7 +143,13 @@ void Client::on_change(ChangePtr change) {
 }
 
 void Client::on_connection_lost() {
-    post(Item{nullptr, [this] { drop_all(); }});
+    // A subscription made after this point was made on the new connection.
+    uint64_t below = 0;
+    {
+        std::lock_guard<std::mutex> lk(subs_mu_);
+        below = next_sub_;
+    }
+    post(Item{nullptr, [this, below] { drop_subs(below); }});
 }
 
 void Client::on_reconnected() {
@@ -206,24 +248,31 @@ int32_t Client::subscribe_field(int32_t db, const ProtobufCMessage *key, uint32_
 
 int32_t Client::add_sub(const SubPtr &sub) {
     {
-        // Held across watch() so that a concurrent drop_all() sees either
+        // Held across watch() so that a concurrent drop_subs() sees either
         // nothing of this subscription or all of it.
         std::lock_guard<std::mutex> lk(subs_mu_);
         int32_t rc = store_->watch(WatchSpec{sub->db, sub->key, sub->whole_type}, &sub->watch_id);
         if (rc != 0)
             return rc;
         sub->id = next_sub_++;
-        Snapshot now;  // read after the watch: a later change is queued for us
-        if (sub->is_field() && store_->get(sub->db, sub->key, &now) != 0)
-            now.reset();
+        bool fresh = false;
         for (FieldTarget &t : sub->targets) {
             auto it = remembered_.find(RememberKey{sub->db, sub->key, t.field, t.cb, t.arg});
             if (it != remembered_.end()) {
                 t.base = std::move(it->second);
                 remembered_.erase(it);
             } else {
-                t.base = value_of(now.get(), t.name);
+                fresh = true;
             }
+        }
+        // Read after the watch: a later change is queued for us. A renewal
+        // starts from what it remembered and needs no read.
+        Snapshot now;
+        if (fresh && store_->get(sub->db, sub->key, &now) != 0)
+            now.reset();
+        for (FieldTarget &t : sub->targets) {
+            if (!t.base.has_value())
+                t.base = value_of(now.get(), t.name);
         }
         (sub->whole_type ? by_type_ : by_key_).emplace(sub->key, sub);
     }
@@ -240,8 +289,9 @@ void Client::confirm(const SubPtr &sub) {
     if (sub->is_field()) {
         // Changes queued before the 29 are not delivered; what they changed
         // since the base is, from the store as it is now. A change after
-        // this read is queued behind the 29 and compared with `last`.
-        if (store_->get(sub->db, sub->key, &now) != 0)
+        // this read is queued behind the 29 and compared with `last`; one
+        // read before it but queued behind it is stale and skipped.
+        if (store_->get_ordered(sub->db, sub->key, &now, &sub->confirm_seq) != 0)
             now.reset();
         hit.assign(sub->targets.size(), false);
         for (size_t i = 0; i < sub->targets.size(); ++i) {
@@ -301,6 +351,8 @@ void Client::deliver_change(const Change &c) {
             deliver_record(*sub, c, &reported);
             continue;
         }
+        if (c.seq != 0 && c.seq < sub->confirm_seq)
+            continue;
         if (c.changed_known) {
             bool listed = false;
             for (const FieldTarget &t : sub->targets) {
@@ -394,10 +446,15 @@ void Client::call(qz_mom_record_cb cb, void *arg, int32_t cmd, qz_mom_hash_res_t
     free_result(res);
 }
 
-void Client::drop_all() {
+void Client::drop_subs(uint64_t below) {
     std::lock_guard<std::mutex> lk(subs_mu_);
     for (auto *map : {&by_key_, &by_type_}) {
-        for (auto &[key, sub] : *map) {
+        for (auto it = map->begin(); it != map->end();) {
+            Sub *sub = it->second.get();
+            if (sub->id >= below) {
+                ++it;
+                continue;
+            }
             sub->active.store(false, std::memory_order_release);
             store_->unwatch(sub->watch_id);
             for (FieldTarget &t : sub->targets) {
@@ -408,8 +465,8 @@ void Client::drop_all() {
                     remembered_.emplace(std::move(rk), *t.base);
                 }
             }
+            it = map->erase(it);
         }
-        map->clear();
     }
 }
 
@@ -435,7 +492,7 @@ int32_t Client::add_reconnect_cb(int32_t db, qz_mom_reconnect_cb cb, void *user)
 
 int32_t Client::simulate_reconnect() {
     if (on_delivery_thread()) {
-        drop_all();
+        drop_subs(UINT64_MAX);
         run_reconnect_cbs();
         return 0;
     }
@@ -443,7 +500,7 @@ int32_t Client::simulate_reconnect() {
     std::future<void> f = done->get_future();
     post(Item{nullptr, [this, done] {
                   try {
-                      drop_all();
+                      drop_subs(UINT64_MAX);
                       run_reconnect_cbs();
                   } catch (...) {
                       done->set_value();

@@ -7,7 +7,8 @@
 //   record deleted (no result); 29 a subscription is in place (no result).
 // - A delivery carries the whole record after the change.
 // - Subscription and reconnect callbacks run on the handle's one delivery
-//   thread, in the order of the handle's queue: a subscription sees its 29
+//   thread (which waits in the store when the store serves it, see
+//   Store::serve), in the order of the handle's queue: a subscription sees its 29
 //   first, then every change of its records, none lost or reordered. The
 //   queue lock is never held while a callback runs, so a callback may call
 //   the bus again (scan, read, subscribe, write) on any handle.
@@ -20,7 +21,8 @@
 //   reconnect drops it, its last values are remembered; an identical field
 //   subscription made later (same db, key, field, callback and argument)
 //   starts from them instead, so a change made while it was dropped is
-//   delivered right after its 29 too.
+//   delivered right after its 29 too. A lost connection drops only the
+//   subscriptions made before it was lost.
 //
 // Lock order: subs_mu_ -> the store's lock -> q_mu_. Callbacks run with no
 // lock held.
@@ -75,7 +77,8 @@ struct Sub {
     std::vector<FieldTarget> targets;  // a field subscription's entries (else empty)
     uint64_t watch_id = 0;
     std::atomic<bool> active{true};
-    bool confirmed = false;  // delivery thread only: its 29 has been sent
+    bool confirmed = false;    // delivery thread only: its 29 has been sent
+    uint64_t confirm_seq = 0;  // delivery thread only: order of the read behind its 29
 
     bool is_field() const { return !targets.empty(); }
 };
@@ -99,7 +102,9 @@ class Client final : public StoreListener {
 
     Store &store() { return *store_; }
     FaultQueue &faults() { return faults_; }
-    bool on_delivery_thread() const { return std::this_thread::get_id() == thread_id_; }
+    bool on_delivery_thread() const {
+        return std::this_thread::get_id() == thread_id_.load(std::memory_order_relaxed);
+    }
 
     // A result for reading key (error_code set on failure); null only when
     // memory runs out. Not counted as handed out.
@@ -148,13 +153,14 @@ class Client final : public StoreListener {
     Client() = default;
     void run();
     void post(Item item);
+    void wake();
     int32_t add_sub(const SubPtr &sub);
     void confirm(const SubPtr &sub);
     void deliver_change(const Change &c);
     void deliver_record(Sub &sub, const Change &c, bool *reported);
     void deliver_fields(Sub &sub, const std::string &key, const Record *rec,
                         const std::vector<bool> &hit, bool *reported);
-    void drop_all();
+    void drop_subs(uint64_t below);
     void run_reconnect_cbs();
     void call(qz_mom_record_cb cb, void *arg, int32_t cmd, qz_mom_hash_res_t *res);
 
@@ -172,11 +178,13 @@ class Client final : public StoreListener {
     std::vector<ReconnectCb> reconnect_cbs_;
 
     std::mutex q_mu_;
-    std::condition_variable q_cv_;
+    std::condition_variable q_cv_;  // wakes the delivery thread, unless:
+    int wake_fd_ = -1;              // its store serves it (Store::serve): then this
+    bool waiting_ = false;          // it waits in store_->serve()
     std::deque<Item> queue_;
     bool stop_ = false;
     std::thread thread_;
-    std::thread::id thread_id_;
+    std::atomic<std::thread::id> thread_id_;  // set by the delivery thread itself
 };
 
 }  // namespace qzmom

@@ -12,13 +12,14 @@
 // same data (two handles on "mem:NAME", or on one redis-server); a write
 // through any of them is seen by the watches of all of them.
 //
-// A Redis backend maps the calls as follows: get -> HGETALL; scan -> SCAN
-// MATCH "<type>|*" (keyed) or the exact type name, then HGETALL each, sorted;
-// write -> HSET/HDEL in one MULTI; remove -> DEL; watch -> SUBSCRIBE of the
-// record's exact keyspace channel "__keyspace@<db>__:<key>" for a key watch,
-// PSUBSCRIBE "__keyspace@<db>__:<type>|*" for a whole-type watch (per-key
-// patterns cost every push on the server; see design.md); on_change after a
-// keyspace event carries an HGETALL snapshot and changed_known = false.
+// The Redis store (redis_store.h) maps the calls as follows: get -> HGETALL;
+// scan -> SCAN MATCH "<type>|*" (glob characters escaped), then HGETALL of
+// every key in one pipeline; write -> HSET and/or HDEL (in MULTI when both);
+// remove -> DEL; watch -> SUBSCRIBE "__keyspace@<db>__:<key>" for a key
+// watch, PSUBSCRIBE "__keyspace@<db>__:<type>|*" for a whole-type watch
+// (per-key patterns cost every push on the server; see design.md). A
+// keyspace event becomes one HGETALL and one Change with changed_known =
+// false.
 #ifndef QZ_MOM_IMPL_STORE_H
 #define QZ_MOM_IMPL_STORE_H
 
@@ -44,6 +45,10 @@ struct Change {
     // A backend that cannot tell (Redis) leaves changed_known false.
     bool changed_known = false;
     std::vector<int32_t> changed;
+    // Where the record was read in the order of get_ordered() reads (a store
+    // that reads after the event, like Redis); 0 when the store snapshots
+    // records in the order of their changes itself.
+    uint64_t seq = 0;
 };
 using ChangePtr = std::shared_ptr<const Change>;
 
@@ -79,7 +84,8 @@ class StoreListener {
     virtual void on_change(ChangePtr change) = 0;
 
     // The connection is lost: every watch is gone, calls fail with
-    // QZ_MOM_E_CONN until on_reconnected.
+    // QZ_MOM_E_CONN until on_reconnected. Called with no store lock held and
+    // no watch() waiting (the listener takes its own subscription lock).
     virtual void on_connection_lost() = 0;
 
     // The connection is back (after on_connection_lost). Watches are not
@@ -100,6 +106,15 @@ class Store {
     // *out = the record under key, or null when none is stored.
     virtual int32_t get(int32_t db, std::string_view key, Snapshot *out) = 0;
 
+    // As get(), ordered with the reads behind Change::seq: *seq is larger
+    // than the seq of every change read before this read and smaller than
+    // that of every change read after it. A store whose changes carry seq 0
+    // sets *seq to 0.
+    virtual int32_t get_ordered(int32_t db, std::string_view key, Snapshot *out, uint64_t *seq) {
+        *seq = 0;
+        return get(db, key, out);
+    }
+
     // Every record of a type, sorted by key: keys "<type>|..." when keyed,
     // else the one key "<type>".
     virtual int32_t scan(int32_t db, std::string_view type, bool keyed,
@@ -114,17 +129,28 @@ class Store {
     virtual int32_t remove(int32_t db, std::string_view key) = 0;
 
     // Starts delivering changes of spec's records to the listener. Each call
-    // is its own watch, ended by unwatch(*id).
+    // is its own watch, ended by unwatch(*id). Returns once the watch is in
+    // place: every change made after the return is delivered.
     virtual int32_t watch(const WatchSpec &spec, uint64_t *id) = 0;
     virtual void unwatch(uint64_t id) = 0;
 
     // Ends every watch and stops all calls to the listener: once close()
     // returns, the listener is never called again.
     virtual void close() = 0;
+
+    // A store that receives changes on a socket of its own (Redis) lets the
+    // client's delivery thread wait on it, so that a push reaches its
+    // callback without a thread switch. Such a store's serves() is true, and
+    // the delivery thread calls serve() whenever its queue is empty: it
+    // waits until the store has work (changes arrived, the connection was
+    // lost, a reconnection is due) or wake_fd (an eventfd) is readable,
+    // does that work (the listener calls come from this thread) and returns.
+    virtual bool serves() const { return false; }
+    virtual void serve(int wake_fd) { (void)wake_fd; }
 };
 
-// Opens a connection for the URI ("mem:", "mem:NAME"; Redis URIs are not
-// built yet). On failure returns null and sets *why.
+// Opens a connection for the URI ("mem:", "mem:NAME", "redis://host:port",
+// "unix:/path"). On failure returns null and sets *why.
 std::unique_ptr<Store> open_store(std::string_view uri, StoreListener *listener, std::string *why);
 
 }  // namespace qzmom

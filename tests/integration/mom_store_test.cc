@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "mom_redis_server.h"
 #include "mom_test_util.h"
 
 namespace momtest {
@@ -614,7 +615,7 @@ TEST_P(MomStore, BadArgumentsAreRefusedWithoutCrashing) {
     EXPECT_EQ(read(t.msg())->view, nullptr);  // nothing was written
 
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(qz_mom_client_create("redis://127.0.0.1:1"), nullptr);  // not built yet
+    EXPECT_EQ(qz_mom_client_create("redis://127.0.0.1:1"), nullptr);  // nothing listens there
     EXPECT_EQ(qz_mom_client_create("bogus"), nullptr);
     std::string why = ::testing::internal::GetCapturedStderr();
     EXPECT_THAT(why, HasSubstr("qz_mom: "));
@@ -651,7 +652,7 @@ TEST_P(MomStore, OneHandleServesSeveralThreadsAtOnce) {
     EXPECT_EQ(rec.size(), static_cast<size_t>(kThreads));
 }
 
-INSTANTIATE_TEST_SUITE_P(Embedded, MomStore, ::testing::Values(embedded_store()),
+INSTANTIATE_TEST_SUITE_P(Stores, MomStore, ::testing::Values(embedded_store(), redis_store()),
                          [](const auto &info) { return info.param.name; });
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "mom_redis_server.h"
 #include "mom_test_util.h"
 
 namespace momtest {
@@ -214,6 +215,59 @@ TEST_P(MomSubscribe, FieldChangeMadeBeforeTheConfirmationIsDeliveredAfterIt) {
     EXPECT_EQ(int_of(rec.events()[1]), 2);
 }
 
+TEST_P(MomSubscribe, SubscriptionsFromOtherThreadsDoNotWaitForABusyDeliveryThread) {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool entered = false, release = false;
+    Recorder &gate = recorder();
+    gate.on_event = [&](void *, qz_mom_pmsg_t *) {
+        std::unique_lock<std::mutex> lk(mu);
+        entered = true;
+        cv.notify_all();
+        cv.wait_for(lk, kWait, [&] { return release; });
+    };
+    SFrame__CapGlbState g = S_FRAME__CAP_GLB_STATE__INIT;
+    ASSERT_EQ(qz_mom_subscribe(app_, kDb, &g.base, 0, Recorder::cb, &gate), 0);
+    {
+        std::unique_lock<std::mutex> lk(mu);
+        ASSERT_TRUE(cv.wait_for(lk, kWait, [&] { return entered; }));
+    }
+
+    // Several threads, each subscribing in turn, so that the replies come in
+    // while different threads wait.
+    constexpr int kThreads = 4, kEach = 25;
+    std::vector<Recorder *> recs;
+    for (int i = 0; i < kThreads * kEach; ++i)
+        recs.push_back(&recorder());
+    std::atomic<int> failed{0}, slow{0};
+    std::vector<std::thread> ts;
+    for (int n = 0; n < kThreads; ++n) {
+        ts.emplace_back([&, n] {
+            for (int k = 0; k < kEach; ++k) {
+                const int i = n * kEach + k;
+                CapTable t("busy/" + std::to_string(i));
+                const auto t0 = std::chrono::steady_clock::now();
+                int32_t rc = i % 2 == 0
+                                 ? sub_field(t.msg(), {7}, {Recorder::cb}, {recs[i]})
+                                 : qz_mom_subscribe(app_, kDb, t.msg(), 0, Recorder::cb, recs[i]);
+                failed += rc != 0;
+                slow += std::chrono::steady_clock::now() - t0 > std::chrono::milliseconds(300);
+            }
+        });
+    }
+    for (auto &t : ts)
+        t.join();
+    {
+        std::lock_guard<std::mutex> lk(mu);
+        release = true;
+    }
+    cv.notify_all();
+    EXPECT_EQ(failed.load(), 0);
+    EXPECT_EQ(slow.load(), 0);
+    for (Recorder *r : recs)
+        EXPECT_TRUE(r->wait_for(1));
+}
+
 Recorder *g_null_arg;  // for callbacks given no argument
 int32_t to_null_arg_recorder(void *global, qz_mom_pmsg_t *pmsg, void *arg) {
     g_null_arg->add(global, pmsg, arg);
@@ -275,7 +329,9 @@ TEST_P(MomSubscribe, CallbacksOnTheDeliveryThreadMayCallTheBus) {
     };
     ASSERT_EQ(qz_mom_subscribe(app_, kDb, t.msg(), 0, Recorder::cb, &rec), 0);
     ASSERT_TRUE(rec.wait_for(1));
-    ASSERT_TRUE(nested.wait_for(1));
+    // The callback's own write delivered before the next: a server store
+    // reads after the event and would show only the later value.
+    ASSERT_TRUE(nested.wait_for(2));
     EXPECT_EQ(scanned.size(), 1u);
     EXPECT_EQ(scanned.events()[0].thread, rec.events()[0].thread);
     EXPECT_EQ(read_value, 1);
@@ -307,6 +363,71 @@ TEST_P(MomSubscribe, MalformedPushesAreSkippedWithOneLine) {
     EXPECT_THAT(err, HasSubstr("x/bad"));
     EXPECT_EQ(all_rec.events()[1].key, "p_libpub.cap_table|x/good");
     EXPECT_EQ(one_rec.size(), 1u);
+}
+
+TEST_P(MomSubscribe, ReadsWritesAndAScanningCallbackOnSeveralThreadsAtOnce) {
+    // Application threads read and write through the handle while its
+    // delivery thread runs a callback that scans through it too.
+    Recorder &all = recorder();
+    std::atomic<int> scans{0}, bad{0};
+    all.on_event = [&](void *global, qz_mom_pmsg_t *pmsg) {
+        if (pmsg->cmd != QZ_MOM_CMD_CHANGED)
+            return;
+        Recorder found;
+        CapTable every("");
+        if (qz_mom_scan_sync(global, kDb, every.msg(), 0, Recorder::cb, &found) != 0 ||
+            found.size() == 0) {
+            ++bad;
+        }
+        ++scans;
+    };
+    CapTable every("");
+    ASSERT_EQ(qz_mom_subscribe(app_, kDb, every.msg(), 0, Recorder::cb, &all), 0);
+    ASSERT_TRUE(all.wait_for(1));
+
+    constexpr int kThreads = 3, kRounds = 100;
+    std::vector<std::thread> ts;
+    for (int n = 0; n < kThreads; ++n) {
+        ts.emplace_back([&, n] {
+            CapTable t("mt/" + std::to_string(n));
+            for (int i = 1; i <= kRounds; ++i) {
+                t.rec.int32_value = i;
+                int32_t f = 7;
+                if (qz_mom_write(app_, kDb, t.msg(), 1, &f) != 0)
+                    ++bad;
+                ResPtr r(qz_mom_hgetall_sync(app_, kDb, t.msg()));
+                if (r == nullptr || r->view == nullptr ||
+                    static_cast<PLibpub__CapTable *>(r->view)->int32_value != i) {
+                    ++bad;
+                }
+                int32_t err = 0;
+                qz_mom_qz_obj_free(qz_mom_get_sync(app_, kDb, t.msg(), &err));
+                if (err != 0)
+                    ++bad;
+            }
+        });
+    }
+    for (auto &t : ts)
+        t.join();
+    CapTable last("mt/last");
+    set_int(last, 1);
+    for (auto until = std::chrono::steady_clock::now() + kWait;;) {
+        std::vector<Event> ev = all.events();
+        if (ev.back().key == "p_libpub.cap_table|mt/last")
+            break;
+        ASSERT_LT(std::chrono::steady_clock::now(), until) << "sentinel not delivered";
+        all.wait_for(ev.size() + 1);
+    }
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_GE(scans.load(), 1);
+    // The last value of each writer arrives (a server store may fold earlier ones).
+    std::map<std::string, int32_t> final;
+    for (const Event &e : all.events()) {
+        if (e.cmd == QZ_MOM_CMD_CHANGED)
+            final[e.key] = int_of(e);
+    }
+    for (int n = 0; n < kThreads; ++n)
+        EXPECT_EQ(final["p_libpub.cap_table|mt/" + std::to_string(n)], kRounds) << n;
 }
 
 // ---- Reconnection ---------------------------------------------------------
@@ -457,7 +578,7 @@ TEST_P(MomSubscribe, DestroyWithLiveSubscriptionsAndQueuedChanges) {
     write(t.msg(), {6});
 }
 
-INSTANTIATE_TEST_SUITE_P(Embedded, MomSubscribe, ::testing::Values(embedded_store()),
+INSTANTIATE_TEST_SUITE_P(Stores, MomSubscribe, ::testing::Values(embedded_store(), redis_store()),
                          [](const auto &info) { return info.param.name; });
 
 }  // namespace
