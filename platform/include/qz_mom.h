@@ -130,7 +130,10 @@ int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufCMessage *patte
  * disappears), the whole record once per change (cmd 6 keyed, 1 unkeyed; 7
  * without result when the record is deleted). Writing the same value again
  * delivers nothing. After a reconnect, an identical renewed subscription
- * delivers a change made while it was dropped. `flag` is not used.
+ * delivers a change made while it was dropped. `flag` is not used. On a
+ * Redis store, as for qz_mom_subscribe, changes in quick succession may
+ * arrive as one delivery of the latest record: no final value is lost, but
+ * intermediate ones may be.
  */
 int32_t qz_mom_subscribe_field(void *global, int32_t db, const ProtobufCMessage *key,
                                uint32_t field_count, const int32_t *fields, qz_mom_record_cb *cbs,

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
+#include <fstream>
 
 namespace app {
 
@@ -16,14 +18,114 @@ int32_t write(void *global, Msg &msg, std::initializer_list<int32_t> fields) {
     return qz_mom_write(global, kDb, &msg.base, static_cast<uint32_t>(f.size()), f.data());
 }
 
+// The library's log goes to a file of our own, so that tests can count its
+// records; the sink is chosen at the first record, so before any test runs.
+class LogFile : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        const char *given = getenv("QZ_ZLOG_FILE");
+        if (given != nullptr && given[0] != '\0')
+            return;
+        char tmpl[] = "/tmp/qzcap_app_log.XXXXXX";
+        const int fd = mkstemp(tmpl);
+        ASSERT_GE(fd, 0) << "cannot make a log file";
+        close(fd);
+        path_ = tmpl;
+        setenv("QZ_ZLOG_FILE", path_.c_str(), 1);
+    }
+    void TearDown() override {
+        if (path_.empty())
+            return;
+        if (::testing::UnitTest::GetInstance()->Passed())
+            unlink(path_.c_str());
+        else
+            fprintf(stderr, "library log kept in %s\n", path_.c_str());
+    }
+
+  private:
+    std::string path_;
+};
+
+[[maybe_unused]] ::testing::Environment *const g_log_file =
+    ::testing::AddGlobalTestEnvironment(new LogFile);
+
+momtest::RedisPtr connect(const std::string &uri) {
+    momtest::RedisPtr c;
+    if (uri.rfind("unix:", 0) == 0) {
+        c.reset(redisConnectUnix(uri.substr(5).c_str()));
+    } else if (uri.rfind("redis://", 0) == 0) {
+        const std::string hostport = uri.substr(8);
+        const size_t colon = hostport.rfind(':');
+        c.reset(colon == std::string::npos
+                    ? redisConnect(hostport.c_str(), 6379)
+                    : redisConnect(hostport.substr(0, colon).c_str(),
+                                   atoi(hostport.substr(colon + 1).c_str())));
+    }
+    if (c == nullptr || c->err != 0) {
+        ADD_FAILURE() << "cannot connect to " << uri << ": "
+                      << (c != nullptr ? c->errstr : "unsupported URI");
+        return nullptr;
+    }
+    return c;
+}
+
 }  // namespace
 
-std::string store_uri(const std::string &test_name) {
+bool external_server() {
     const char *env = getenv("QZCAP_TEST_STORE");
-    if (env != nullptr && std::string(env).rfind("mem:", 0) != 0)
-        return env;
-    static std::atomic<int> seq{0};
-    return "mem:" + test_name + "-" + std::to_string(getpid()) + "-" + std::to_string(++seq);
+    return env != nullptr && env[0] != '\0' && std::string(env).rfind("mem:", 0) != 0;
+}
+
+momtest::RedisServer *private_redis() {
+    static momtest::RedisServer server;
+    // Also brings it back after a test that killed it and failed.
+    const std::string why = server.start();
+    if (!why.empty()) {
+        ADD_FAILURE() << why;
+        return nullptr;
+    }
+    return &server;
+}
+
+std::string store_uri(const std::string &store, const std::string &test_name) {
+    if (store == "mem") {
+        static std::atomic<int> seq{0};
+        return "mem:" + test_name + "-" + std::to_string(getpid()) + "-" + std::to_string(++seq);
+    }
+    std::string uri;
+    if (external_server()) {
+        uri = getenv("QZCAP_TEST_STORE");
+    } else {
+        momtest::RedisServer *server = private_redis();
+        if (server == nullptr)
+            return "unix:/nonexistent/redis.sock";
+        uri = server->uri();
+    }
+    momtest::RedisPtr c = connect(uri);
+    if (c != nullptr) {
+        momtest::command(c.get(), {"SELECT", std::to_string(kDb)});
+        momtest::ReplyPtr r = momtest::command(c.get(), {"FLUSHDB"});
+        if (r == nullptr || r->type == REDIS_REPLY_ERROR)
+            ADD_FAILURE() << "FLUSHDB of database " << kDb << " on " << uri << " failed";
+    }
+    return uri;
+}
+
+std::string store_uri(const std::string &test_name) {
+    return store_uri(external_server() ? "redis" : "mem", test_name);
+}
+
+size_t log_records_containing(const std::string &text) {
+    const char *path = getenv("QZ_ZLOG_FILE");
+    if (path == nullptr || path[0] == '\0') {
+        ADD_FAILURE() << "QZ_ZLOG_FILE is not set: the library logs to standard error";
+        return 0;
+    }
+    std::ifstream in(path);
+    size_t n = 0;
+    for (std::string line; std::getline(in, line);)
+        n += line.find(text) != std::string::npos ? 1 : 0;
+    return n;
 }
 
 int32_t Publisher::cap_bool(const char *url, bool v) {
@@ -118,7 +220,7 @@ int32_t Publisher::subcard_cap_int32(int32_t nodeid, const char *url, int32_t v)
 
 void AppTest::SetUp() {
     const std::string uri =
-        store_uri(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        store_uri(GetParam(), ::testing::UnitTest::GetInstance()->current_test_info()->name());
     platform_ = qz_mom_client_create(uri.c_str());
     app_ = qz_mom_client_create(uri.c_str());
     ASSERT_NE(platform_, nullptr) << "cannot open store " << uri;

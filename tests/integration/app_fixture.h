@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "libqz_cap.h"
+#include "mom_redis_server.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
 #include "qz_mom.h"
@@ -23,9 +24,32 @@
 
 namespace app {
 
-// The store every test of the binary runs on: $QZCAP_TEST_STORE ("mem:" by
-// default, a fresh name per test) or a server URI.
+// The stores the suite runs on: "mem" (a fresh embedded store per test) and
+// "redis" (the binary's private redis-server, or the server named by a
+// non-"mem:" $QZCAP_TEST_STORE), database 3 emptied per test.
+inline const std::vector<std::string> kStores{"mem", "redis"};
+std::string store_uri(const std::string &store, const std::string &test_name);
+
+// For tests of one store: $QZCAP_TEST_STORE, or a fresh "mem:" store.
 std::string store_uri(const std::string &test_name);
+
+// The binary's private redis-server, started on first use; nullptr (and a
+// test failure saying why) when it cannot run.
+momtest::RedisServer *private_redis();
+
+// Whether $QZCAP_TEST_STORE names a server in place of the private one.
+bool external_server();
+
+// Library log records written so far that contain text (the log goes to
+// $QZ_ZLOG_FILE, set to a temporary file unless given).
+size_t log_records_containing(const std::string &text);
+
+// Names instantiations by store ("AppTest.Name/redis").
+struct StoreName {
+    std::string operator()(const ::testing::TestParamInfo<std::string> &info) const {
+        return info.param;
+    }
+};
 
 // What a platform service publishes.
 class Publisher {
@@ -79,9 +103,10 @@ class Inbox {
     std::vector<T> items_;
 };
 
-// A platform handle and an application handle on one fresh store, and an
-// application context initialised on the application handle.
-class AppTest : public ::testing::Test {
+// A platform handle and an application handle on one fresh store (the
+// parameter), and an application context initialised on the application
+// handle.
+class AppTest : public ::testing::TestWithParam<std::string> {
   protected:
     void SetUp() override;
     void TearDown() override;
