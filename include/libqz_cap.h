@@ -122,8 +122,8 @@ LIBQZ_CAP_API extern void *g_libqz_cap_zlog_category;
 /* Sets the gate level; any value is accepted. */
 LIBQZ_CAP_API void libqz_cap_log_level(int32_t level);
 
-/* Applies the level files and opens the "libqz_cap" category. Returns 0, or
- * -4 for a NULL name. */
+/* Applies the level files and opens the "libqz_cap" category. Returns 0 (a
+ * NULL name is logged and only skips the per-application file). */
 LIBQZ_CAP_API int32_t libqz_cap_zlog_init(const char *app_name);
 
 /* ---- Start-up step timing ---------------------------------------------- */

@@ -60,15 +60,20 @@ int libqz_cap_load_level_file(const char *path) {
 }
 
 int32_t libqz_cap_zlog_init(const char *app_name) {
-    QZ_CHECK_PTR(app_name, "name");
     char rooted[PATH_MAX];
     libqz_cap_load_level_file(qzcap::rooted_path(qzcap::kCommonLevelFile, rooted, sizeof rooted));
 
-    // Cut with the device's limit first, so the same file is looked up on
-    // every target whatever the data root.
-    char app_path[kAppPathLen];
-    snprintf(app_path, sizeof app_path, "%s%s", qzcap::kLevelDir, app_name);
-    libqz_cap_load_level_file(qzcap::rooted_path(app_path, rooted, sizeof rooted));
+    if (app_name == nullptr) {
+        // No per-application file to look for; logging is set up all the
+        // same, since initialisation relies on this call succeeding.
+        QZ_LOG(1, qzcap::kError, "name NULL pointer, addr error!\n");
+    } else {
+        // Cut with the device's limit first, so the same file is looked up on
+        // every target whatever the data root.
+        char app_path[kAppPathLen];
+        snprintf(app_path, sizeof app_path, "%s%s", qzcap::kLevelDir, app_name);
+        libqz_cap_load_level_file(qzcap::rooted_path(app_path, rooted, sizeof rooted));
+    }
 
     // A NULL category is stored too: logging stays off until a later call gets one.
     g_libqz_cap_zlog_category = qz_zlog_init("libqz_cap");
