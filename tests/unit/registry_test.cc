@@ -11,6 +11,7 @@
 #include "core/alloc.h"
 #include "fake_platform.h"
 #include "internal.h"
+#include "sub_support.h"
 
 namespace {
 
@@ -32,33 +33,10 @@ sub_info make(const char *url, uint32_t type, void *fp = kCb, void *arg = nullpt
     return r;
 }
 
-int32_t collect(void *item, void *arg) {
-    static_cast<std::vector<sub_info *> *>(arg)->push_back(static_cast<sub_info *>(item));
-    return 0;
-}
-
-class Registry : public fake::Test {
+// The registry's own fixture: the shared one with an initialised registry,
+// plus adding through the context and the one-error check.
+class Registry : public sub_support::WithRegistry {
   protected:
-    void SetUp() override {
-        fake::Test::SetUp();
-        ctx_.sub_hash =
-            qz_cap_create_hash(32, libqz_cap_sub_hash_index_cb, libqz_cap_cmp_sub_hash_item);
-        ASSERT_NE(ctx_.sub_hash, nullptr);
-    }
-    void TearDown() override {
-        libqz_cap_test_fail_alloc(0);
-        for (sub_info *r : records()) {
-            qz_cap_hash_del_item(ctx_.sub_hash, r);
-            free(r);
-        }
-        qz_cap_destroy_hash(ctx_.sub_hash);
-        fake::Test::TearDown();
-    }
-    std::vector<sub_info *> records() {
-        std::vector<sub_info *> out;
-        qz_cap_hash_each_item_op(ctx_.sub_hash, collect, &out);
-        return out;
-    }
     int32_t add(const char *url, uint32_t type, void *fp = kCb, void *arg = nullptr) {
         return libqz_cap_add_sub_info_thread(kBus, url, fp, arg, type, &ctx_);
     }
@@ -70,7 +48,6 @@ class Registry : public fake::Test {
         EXPECT_EQ(logs[0].file, "libqz_cap");
         EXPECT_EQ(logs[0].func, "libqz_cap_add_sub_info_thread");
     }
-    libqz_cap_ctrl_info_t ctx_{};
 };
 
 TEST(RegistryIndex, HashesUnsignedBytesPlusType) {
