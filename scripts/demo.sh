@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian 12 machine, builds the library and runs the
-# demonstration on the embedded store.
+# Sets up a fresh Debian 12 machine, builds the library as a device would
+# ("device" preset, build/device) and runs the demonstration on the embedded
+# store. Arguments go to the demonstration (--serve SECONDS, a store URI).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
-build="$root/build"
-cmake -S "$root" -B "$build" -DQZCAP_BUILD_TESTS=OFF -DQZCAP_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" --target qzcap_demo krilsh
-exec "$build/examples/qzcap_demo" "$@"
+cd "$root"
+cmake --preset device >/dev/null
+cmake --build --preset device -j"$(nproc)" --target qzcap_demo krilsh
+exec "$root/build/device/examples/qzcap_demo" "$@"
