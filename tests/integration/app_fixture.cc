@@ -237,6 +237,10 @@ void AppTest::TearDown() {
         qz_mom_client_destroy(app_);
     if (platform_)
         qz_mom_client_destroy(platform_);
+    // The registry is the fixture's to release; the records in it are not
+    // (the library keeps what a subscription allocates for good).
+    if (ctx_)
+        qz_cap_destroy_hash(ctx_->sub_hash);
     libqz_cap_ctrl_info_free(ctx_);
     delete pub_;
 }

@@ -45,6 +45,13 @@ class OperatorSession : public ::testing::Test {
             initialised.set_value(app_ ? libqz_cap_init(app_, "operator_test") : -1);
             while (!stop_)
                 kril_poll(20);
+            // The default context dies with this thread: its handle goes
+            // first (its callbacks carry the context), then its registry.
+            if (app_)
+                qz_mom_client_destroy(app_);
+            app_ = nullptr;
+            qz_cap_destroy_hash(g_libqz_cap_ctrl_info.sub_hash);
+            g_libqz_cap_ctrl_info.sub_hash = nullptr;
         });
         ASSERT_EQ(init_result.get(), 0);
     }
@@ -54,8 +61,6 @@ class OperatorSession : public ::testing::Test {
         if (app_thread_.joinable())
             app_thread_.join();
         libqz_cap_log_level(1);
-        if (app_)
-            qz_mom_client_destroy(app_);
         if (platform_)
             qz_mom_client_destroy(platform_);
     }
