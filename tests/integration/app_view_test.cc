@@ -114,6 +114,18 @@ TEST_P(AppTest, AMalformedStoredValueIsABusFailureNotAValue) {
     EXPECT_EQ(n, -1);
 }
 
+TEST_P(AppTest, AFieldANewerPublisherAddedDoesNotSilenceTheCapability) {
+    ASSERT_EQ(pub_->cap_int32("global_spec/platform/mtu", 1500), 0);
+    ASSERT_EQ(qz_mom_hset_raw(platform_, 3, "p_libpub.cap_table|global_spec/platform/mtu", "31",
+                              "jumbo", 5),
+              0);
+    int32_t n = 0;
+    EXPECT_EQ(
+        libqz_cap_get_capacity_int32_no_block_thread(app_, "global_spec/platform/mtu", ctx_, &n),
+        0);
+    EXPECT_EQ(n, 1500);
+}
+
 // ---- pushes and subscriptions
 
 struct Push {
