@@ -54,6 +54,10 @@ typedef int32_t (*qz_mom_reconnect_cb)(void *global, int32_t db, int32_t type, v
  * not parse as its type, or a field name that is not a field number, makes
  * the record fail to decode (QZ_MOM_E_DECODE).
  *
+ * Limitation: on a Redis store FLUSHDB and FLUSHALL produce no keyspace
+ * events, so subscribers are not told of the records they remove and keep
+ * the values they last saw; delete records one by one when they must know.
+ *
  * Conventions of every call:
  * - `key` / `pattern` is a record of a protobuf-c type (usually built on the
  *   stack from the type's initial value); for a keyed type (one with a
