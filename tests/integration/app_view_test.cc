@@ -103,6 +103,22 @@ TEST_P(AppTest, NonBlockingReadsOfEveryType) {
     EXPECT_EQ(ctx_->sleep_time, 0u);
 }
 
+TEST_P(AppTest, EveryInitialisationKeepsTheOneLoggingCategory) {
+    void *const category = g_libqz_cap_zlog_category;
+    ASSERT_NE(category, nullptr);
+    for (int i = 0; i < 3; ++i) {
+        void *handle =
+            qz_mom_client_create(store_uri(GetParam(), "category" + std::to_string(i)).c_str());
+        ASSERT_NE(handle, nullptr);
+        libqz_cap_ctrl_info_t *ctx = libqz_cap_ctrl_info_init();
+        ASSERT_NE(ctx, nullptr);
+        EXPECT_EQ(libqz_cap_init_thread(handle, "app_test", ctx), 0);
+        EXPECT_EQ(g_libqz_cap_zlog_category, category) << "initialisation " << i;
+        qz_mom_client_destroy(handle);
+        libqz_cap_ctrl_info_free(ctx);
+    }
+}
+
 TEST_P(AppTest, AMalformedStoredValueIsABusFailureNotAValue) {
     ASSERT_EQ(qz_mom_hset_raw(platform_, 3, "p_libpub.cap_table|global_spec/platform/bad", "7",
                               "twelve", 6),
