@@ -19,6 +19,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -73,6 +75,15 @@ int32_t slow_cmd(void) {
     return 1;
 }
 
+// Points standard input and error at standard output, as collection's
+// restore does when standard output is the shell's capture.
+int32_t grab_cmd(void) {
+    ++g_runs;
+    dup2(STDOUT_FILENO, STDIN_FILENO);
+    dup2(STDOUT_FILENO, STDERR_FILENO);
+    return 0;
+}
+
 // A thread that registers kModule and serves it from a kril_poll loop.
 class Server {
   public:
@@ -89,6 +100,7 @@ class Server {
             reg("echo", "url=%s", echo_cmd);
             reg("hello", "void", hello_cmd);
             reg("slow", "void", slow_cmd);
+            reg("grab", "void", grab_cmd);
             fd_ = kril_fd();
             ready.set_value();
             while (!stop_) {
@@ -332,6 +344,26 @@ TEST_F(KrilShell, RequesterThatLeavesCostsNothing) {
     EXPECT_EQ(ask("kt set 14").code, 0);
     EXPECT_EQ(g_runs, runs + 1);
     expect_fds_back();
+}
+
+TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
+    auto identity = [] {
+        std::vector<std::pair<dev_t, ino_t>> ids;
+        for (int fd = 0; fd <= 2; ++fd) {
+            struct stat st {};
+            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
+            ids.emplace_back(st.st_dev, st.st_ino);
+        }
+        return ids;
+    };
+    const auto before = identity();
+    Reply r = ask("kt grab");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(identity(), before);
+    // The capture itself still works for the next command.
+    r = ask("kt set 21");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "set 21\n");
 }
 
 TEST_F(KrilShell, SocketAndDirectoryAreTheUsersAlone) {
