@@ -29,7 +29,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxPending = 64;  // per serving thread
-constexpr size_t kMaxReading = 32;  // connections still sending their line
+// Connections still sending their line. When a newcomer finds them all
+// taken, the longest waiting gives way: idle or half-sent connections can
+// never keep an operator out, and a new connection always has the time of
+// kMaxReading later arrivals to send its line.
+constexpr size_t kMaxReading = 32;
 constexpr auto kLineTimeout = std::chrono::seconds(10);
 constexpr int kSendTimeoutSec = 5;  // a requester that stops reading cannot stall a serving thread
 
@@ -322,8 +326,16 @@ void accept_one(int listen_fd, std::vector<Reading> &reading) {
                                                        std::to_string(getpid()) + " (uid " +
                                                        std::to_string(want) + ")"));
     }
-    if (reading.size() >= kMaxReading)
-        return reply(conn, error_line(KRIL_E_BUSY, "too many connections"));
+    while (reading.size() >= kMaxReading) {
+        // Its line may have arrived since the poll.
+        if (!read_request(reading.front())) {
+            reply(reading.front().conn,
+                  error_line(KRIL_E_BUSY, std::to_string(kMaxReading) +
+                                              " newer connections arrived before this request "
+                                              "line was complete"));
+        }
+        reading.erase(reading.begin());
+    }
     timeval tv{kSendTimeoutSec, 0};
     setsockopt(conn.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     reading.push_back(Reading{std::move(conn), {}, Clock::now()});

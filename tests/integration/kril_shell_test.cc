@@ -366,6 +366,53 @@ TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
     EXPECT_EQ(r.out, "set 21\n");
 }
 
+// Connections that never send their line, or only part of it, give way to
+// newer ones: an operator is never kept out by them.
+TEST_F(KrilShell, IdleAndHalfSentConnectionsNeverKeepAnOperatorOut) {
+    const sockaddr_un addr = socket_addr();
+    auto open_conn = [&] {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_GE(fd, 0);
+        timeval tv{5, 0};  // a missing answer fails the test instead of hanging it
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr), 0);
+        return fd;
+    };
+    std::vector<int> idle, half;
+    for (int i = 0; i < 40; ++i)
+        idle.push_back(open_conn());
+    for (int i = 0; i < 8; ++i) {
+        half.push_back(open_conn());
+        EXPECT_EQ(write(half.back(), "kt set 4", 8), 8);
+    }
+
+    Reply r = ask("kt set 7");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "set 7\n");
+    Ran k = sh(std::string(KRILSH_PATH) + " -p " + std::to_string(getpid()) + " kt set 8");
+    EXPECT_EQ(k.status, 0) << k.err;
+    EXPECT_EQ(k.out, "set 8\nrv 0\n");
+
+    // The longest waiting gave way, and was told why.
+    EXPECT_EQ(read_to_eof(idle.front()).rfind("err -2008 ", 0), 0u);
+    // The newest still finish their line and are served.
+    const int runs = g_runs;
+    const std::string served = "run\nout 6\nset 4\nrv 0\n";
+    for (int fd : half) {
+        EXPECT_EQ(write(fd, "\n", 1), 1);
+        std::string answer;
+        char buf[64];
+        for (ssize_t n; answer.size() < served.size() && (n = read(fd, buf, sizeof buf)) > 0;)
+            answer.append(buf, static_cast<size_t>(n));
+        EXPECT_EQ(answer, served);
+    }
+    EXPECT_EQ(g_runs, runs + 8);
+    for (int fd : idle)
+        close(fd);
+    for (int fd : half)
+        close(fd);
+}
+
 TEST_F(KrilShell, SocketAndDirectoryAreTheUsersAlone) {
     const std::string path = socket_addr().sun_path;
     EXPECT_EQ(path, g_root + "/run/" + std::to_string(getpid()) + ".sock");
