@@ -24,11 +24,16 @@
  *     "out <n>\n" <n bytes of standard output> "rv <handler result>\n"
  * ("err" may also follow "run"). "list" answers "out <n>\n" with one line
  * per module, its commands below it as "    <command> <argfmt>", then "rv 0".
+ * A line not complete within 10 s, or before 32 newer connections arrived,
+ * is answered "err" with KRIL_E_TIMEOUT or KRIL_E_BUSY: connections that
+ * never finish their line cannot keep anyone out.
  *
  * Commands run on the thread that registered their module, when it calls
  * kril_poll. Standard output of the whole process goes to the requester
  * while a handler runs, so output of other threads at that moment goes with
- * it. A request whose requester has gone before it runs is dropped unrun.
+ * it; descriptors 0, 1 and 2 are put back as they were when it returns,
+ * whatever the handler did with them. A request whose requester has gone
+ * before it runs is dropped unrun.
  */
 #ifndef KRIL_SHELL_H
 #define KRIL_SHELL_H

@@ -45,6 +45,19 @@ typedef int32_t (*qz_mom_record_cb)(void *global, qz_mom_pmsg_t *pmsg, void *pri
 typedef int32_t (*qz_mom_reconnect_cb)(void *global, int32_t db, int32_t type, void *user_data);
 
 /*
+ * Stored records (every store): a hash per record, field name the decimal
+ * field number. A hash field whose number the record's type lacks is
+ * ignored, as protobuf ignores an unknown field, so that a newer publisher's
+ * added field never breaks an older reader: the record decodes with its
+ * known fields, the ignored ones are not in field_nums, and each handle says
+ * so once per record with one line on stderr. A known field whose value does
+ * not parse as its type, or a field name that is not a field number, makes
+ * the record fail to decode (QZ_MOM_E_DECODE).
+ *
+ * Limitation: on a Redis store FLUSHDB and FLUSHALL produce no keyspace
+ * events, so subscribers are not told of the records they remove and keep
+ * the values they last saw; delete records one by one when they must know.
+ *
  * Conventions of every call:
  * - `key` / `pattern` is a record of a protobuf-c type (usually built on the
  *   stack from the type's initial value); for a keyed type (one with a

@@ -29,7 +29,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxPending = 64;  // per serving thread
-constexpr size_t kMaxReading = 32;  // connections still sending their line
+// Connections still sending their line. When a newcomer finds them all
+// taken, the longest waiting gives way: idle or half-sent connections can
+// never keep an operator out, and a new connection always has the time of
+// kMaxReading later arrivals to send its line.
+constexpr size_t kMaxReading = 32;
 constexpr auto kLineTimeout = std::chrono::seconds(10);
 constexpr int kSendTimeoutSec = 5;  // a requester that stops reading cannot stall a serving thread
 
@@ -120,20 +124,33 @@ std::shared_ptr<Queue> queue_of(std::thread::id t) {
     return it == s.queues.end() ? nullptr : it->second;
 }
 
-// Redirects descriptor 1 to an anonymous file while a handler runs. Text the
-// process buffered before is flushed to the real output first.
+// Moves fd above the standard descriptors (one of them may be closed and
+// have been reused); -1 stays -1.
+int above_std(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO)
+        return fd;
+    int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}
+
+// Redirects descriptor 1 to an anonymous file while a handler runs, and puts
+// descriptors 0, 1 and 2 back as they were afterwards: a handler that points
+// the standard streams elsewhere and "restores" them to the descriptor it
+// found on 1 (collection does) would otherwise leave 0 and 2 on the capture,
+// and every later error line would be lost. Text the process buffered before
+// is flushed to the real output first.
 class StdoutCapture {
   public:
     bool begin() {
         fflush(stdout);
-        file_.reset(memfd_create("kril-out", MFD_CLOEXEC));
+        for (int fd = 0; fd < kStd; ++fd)  // each stays -1 if that descriptor was closed
+            saved_[fd].reset(fcntl(fd, F_DUPFD_CLOEXEC, kStd));
+        file_.reset(above_std(memfd_create("kril-out", MFD_CLOEXEC)));
         if (!file_)
             return false;
-        saved_.reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));  // stays -1 if 1 was closed
-        if (dup2(file_.get(), STDOUT_FILENO) < 0)
-            return false;
         active_ = true;
-        return true;
+        return dup2(file_.get(), STDOUT_FILENO) >= 0;
     }
     std::string end() {
         restore();
@@ -150,17 +167,22 @@ class StdoutCapture {
     ~StdoutCapture() { restore(); }
 
   private:
+    static constexpr int kStd = STDERR_FILENO + 1;
+
     void restore() {
         if (!active_)
             return;
         fflush(stdout);
-        if (saved_)
-            dup2(saved_.get(), STDOUT_FILENO);
-        else
-            close(STDOUT_FILENO);
+        fflush(stderr);
+        for (int fd = 0; fd < kStd; ++fd) {
+            if (saved_[fd])
+                dup2(saved_[fd].get(), fd);
+            else
+                close(fd);
+        }
         active_ = false;
     }
-    Fd file_, saved_;
+    Fd file_, saved_[kStd];
     bool active_ = false;
 };
 
@@ -304,8 +326,16 @@ void accept_one(int listen_fd, std::vector<Reading> &reading) {
                                                        std::to_string(getpid()) + " (uid " +
                                                        std::to_string(want) + ")"));
     }
-    if (reading.size() >= kMaxReading)
-        return reply(conn, error_line(KRIL_E_BUSY, "too many connections"));
+    while (reading.size() >= kMaxReading) {
+        // Its line may have arrived since the poll.
+        if (!read_request(reading.front())) {
+            reply(reading.front().conn,
+                  error_line(KRIL_E_BUSY, std::to_string(kMaxReading) +
+                                              " newer connections arrived before this request "
+                                              "line was complete"));
+        }
+        reading.erase(reading.begin());
+    }
     timeval tv{kSendTimeoutSec, 0};
     setsockopt(conn.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     reading.push_back(Reading{std::move(conn), {}, Clock::now()});

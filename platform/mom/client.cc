@@ -166,7 +166,10 @@ qz_mom_hash_res_t *Client::read(int32_t db, const ProtobufCMessage *key) {
     if (rc != 0)
         return new_result(rc);
     DecodeError err;
-    return make_result(key->descriptor, k, rec.get(), &err);
+    qz_mom_hash_res_t *res = make_result(key->descriptor, k, rec.get(), &err);
+    if (res != nullptr && res->error_code == 0)
+        note_ignored(db, k, err);
+    return res;
 }
 
 int32_t Client::scan(int32_t db, const ProtobufCMessage *pattern, qz_mom_record_cb cb, void *priv) {
@@ -198,6 +201,7 @@ int32_t Client::scan(int32_t db, const ProtobufCMessage *pattern, qz_mom_record_
             free_result(res);
             continue;
         }
+        note_ignored(db, e.key, err);
         call(cb, priv, keyed ? QZ_MOM_CMD_SCAN : QZ_MOM_CMD_RECORD, res);
     }
     return 0;
@@ -394,6 +398,7 @@ void Client::deliver_record(Sub &sub, const Change &c, bool *reported) {
         free_result(res);
         return;
     }
+    note_ignored(c.db, c.key, err);
     call(sub.cb, sub.priv, sub.keyed ? QZ_MOM_CMD_CHANGED : QZ_MOM_CMD_RECORD, res);
 }
 
@@ -427,6 +432,7 @@ void Client::deliver_fields(Sub &sub, const std::string &key, const Record *rec,
             free_result(res);
             return;
         }
+        note_ignored(sub.db, key, err);
         call(t.cb, t.arg, sub.keyed ? QZ_MOM_CMD_CHANGED : QZ_MOM_CMD_RECORD, res);
     }
 }
@@ -444,6 +450,18 @@ void Client::call(qz_mom_record_cb cb, void *arg, int32_t cmd, qz_mom_hash_res_t
     cb(this, pmsg, arg);
     free(pmsg);
     free_result(res);
+}
+
+void Client::note_ignored(int32_t db, std::string_view key, const DecodeError &err) {
+    if (err.ignored.empty())
+        return;
+    {
+        std::lock_guard<std::mutex> lk(ignored_mu_);
+        if (!ignored_.emplace(db, std::string(key)).second)
+            return;
+    }
+    report("record \"%.*s\" in db %d holds hash fields its type lacks (%s): ignored",
+           static_cast<int>(key.size()), key.data(), db, err.ignored.c_str());
 }
 
 void Client::drop_subs(uint64_t below) {

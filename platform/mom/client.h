@@ -38,12 +38,16 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "codec.h"
 #include "faults.h"
 #include "qz_mom.h"
 #include "store.h"
@@ -163,6 +167,9 @@ class Client final : public StoreListener {
     void drop_subs(uint64_t below);
     void run_reconnect_cbs();
     void call(qz_mom_record_cb cb, void *arg, int32_t cmd, qz_mom_hash_res_t *res);
+    // One stderr line the first time a record of this handle is decoded
+    // with hash fields its type lacks; later reads and pushes say nothing.
+    void note_ignored(int32_t db, std::string_view key, const DecodeError &err);
 
     uint32_t magic_ = kMagic;
     std::unique_ptr<Store> store_;
@@ -173,6 +180,9 @@ class Client final : public StoreListener {
     std::unordered_multimap<std::string, SubPtr, StrHash, std::equal_to<>> by_key_;
     std::unordered_multimap<std::string, SubPtr, StrHash, std::equal_to<>> by_type_;
     std::multimap<RememberKey, Value> remembered_;
+
+    std::mutex ignored_mu_;                              // a leaf: taken with no other lock held
+    std::set<std::pair<int32_t, std::string>> ignored_;  // (db, key) noted
 
     std::mutex cbs_mu_;
     std::vector<ReconnectCb> reconnect_cbs_;

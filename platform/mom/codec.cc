@@ -344,6 +344,8 @@ int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view k
                       const Record &rec, ProtobufCMessage **view, int32_t **nums, uint32_t *count,
                       DecodeError *err) {
     const ProtobufCFieldDescriptor *idx = index_field(desc);
+    if (err != nullptr)
+        err->ignored.clear();
     if (!key_is_of_type(key, desc)) {
         fail(err, QZ_MOM_E_DECODE, "key does not name a record of the type");
         return QZ_MOM_E_DECODE;
@@ -372,7 +374,11 @@ int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view k
         if (!parse_field_name(f.name, &num)) {
             ok = fail(err, QZ_MOM_E_DECODE, "hash field is not a field number", f.name);
         } else if ((fd = protobuf_c_message_descriptor_get_field(desc, num)) == nullptr) {
-            ok = fail(err, QZ_MOM_E_DECODE, "hash field is not a field of the type", f.name);
+            if (err != nullptr) {
+                if (!err->ignored.empty())
+                    err->ignored += ", ";
+                err->ignored += f.name;
+            }
         } else if (fd == idx) {
             ok = fail(err, QZ_MOM_E_DECODE, "the index is stored as a hash field", f.name);
         } else if (unsupported(fd)) {

@@ -23,11 +23,13 @@
 
 namespace qzmom {
 
-// Why a decode failed, for the one stderr line a skipped record gets.
+// Why a decode failed, for the one stderr line a skipped record gets; and,
+// on success too, the hash fields it ignored.
 struct DecodeError {
     int32_t code = 0;       // QZ_MOM_E_DECODE, QZ_MOM_E_TYPE or QZ_MOM_E_NOMEM
     const char *what = "";  // static text
     std::string field;      // hash field concerned, empty for the key
+    std::string ignored;    // field numbers the type lacks, ", "-separated
 };
 
 // True when msg is non-null and heads with a protobuf-c message descriptor.
@@ -67,10 +69,13 @@ int32_t encode_field(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor
 // protobuf_c_message_free_unpacked(view, NULL) releases, plus a malloc'd array
 // of the field numbers it holds (for a keyed type the index field first, then
 // the stored fields ascending) in *nums/*count.
-// Strict: a value that does not parse, an out-of-range number, a field name
-// that is not a non-index field of the type, an unparsable packed message or
-// a key whose index cannot be parsed fail with QZ_MOM_E_DECODE (details in
-// *err); nothing is allocated then.
+// A hash field whose number the type lacks is skipped, as protobuf skips an
+// unknown field, so that a newer publisher's extra field never breaks an
+// older reader; it is listed in err->ignored, not in *nums.
+// Strict otherwise: a value that does not parse, an out-of-range number, a
+// field name that is not a canonical field number, the index stored as a hash
+// field, an unparsable packed message or a key whose index cannot be parsed
+// fail with QZ_MOM_E_DECODE (details in *err); nothing is allocated then.
 int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view key,
                       const Record &rec, ProtobufCMessage **view, int32_t **nums, uint32_t *count,
                       DecodeError *err);

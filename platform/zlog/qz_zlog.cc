@@ -11,12 +11,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace {
 
 struct Category {
+    explicit Category(std::string n) : name(std::move(n)) {}
     std::string name;
 };
 
@@ -59,8 +65,19 @@ const char *level_name(int level) {
 extern "C" void *qz_zlog_init(const char *category) {
     if (category == nullptr || category[0] == '\0')
         return nullptr;
-    // Categories live for the process, as zlog's do.
-    return new (std::nothrow) Category{category};
+    // One category per name for the life of the process, as zlog keeps them:
+    // every initialisation asks again, and must not cost a new one.
+    static std::mutex mutex;
+    std::lock_guard<std::mutex> lock(mutex);
+    try {
+        static auto *categories = new std::map<std::string, std::unique_ptr<Category>, std::less<>>;
+        auto it = categories->find(std::string_view(category));
+        if (it == categories->end())
+            it = categories->emplace(category, std::make_unique<Category>(category)).first;
+        return it->second.get();
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
 }
 
 extern "C" void qzdf_zlog(void *category, const char *file, size_t filelen, const char *func,

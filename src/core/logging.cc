@@ -1,5 +1,6 @@
 // Level files and the logging category.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -49,8 +50,14 @@ int32_t to_level(long v) {
 extern "C" {
 
 int libqz_cap_load_level_file(const char *path) {
-    Fd fd(open(path, O_RDONLY));
+    // Only a regular file is a level file; anything else counts as one that
+    // cannot be opened. Opening without blocking and checking the opened
+    // file leaves no moment where a FIFO put in its place could block us.
+    Fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0)
+        return 0;
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return 0;
     char text[kLevelTextLen] = {};
     if (read(fd.get(), text, sizeof text - 1) < 0)

@@ -2,13 +2,20 @@
 // registered by libqz_cap_init on the application's thread, reached through
 // the debug shell's socket as krilsh reaches it.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "app_fixture.h"
 #include "kril_shell.h"
@@ -128,6 +135,46 @@ TEST_F(OperatorSession, ReadsSubscribesDumpsAndSetsTheLevel) {
     a = run("dump_stat");
     ASSERT_EQ(a.status, 0) << a.err;
     EXPECT_EQ(a.out, "g_libqz_cap_ready is 0\ng_libqz_cap_zlog_level is 4\n");
+}
+
+// Collection points descriptors 0 to 2 at its file and back at what it found
+// on 1, which is the shell's capture while a command runs; the process's own
+// streams must be what they were once the command is over.
+TEST_F(OperatorSession, CollectLeavesTheStandardStreamsAsTheyWere) {
+    char root[] = "/tmp/qzcap-collect-XXXXXX";
+    ASSERT_NE(mkdtemp(root), nullptr);
+    setenv("QZCAP_DATA_ROOT", root, 1);
+    auto identity = [] {
+        std::vector<std::pair<dev_t, ino_t>> ids;
+        for (int fd = 0; fd <= 2; ++fd) {
+            struct stat st {};
+            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
+            ids.emplace_back(st.st_dev, st.st_ino);
+        }
+        return ids;
+    };
+
+    ::testing::internal::CaptureStderr();
+    const auto before = identity();
+    Answer a = run("collect");
+    const auto after = identity();
+    fprintf(stderr, "an error line after the collection\n");
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    unsetenv("QZCAP_DATA_ROOT");
+
+    ASSERT_EQ(a.status, 0) << a.err;
+    EXPECT_EQ(a.rv, STDERR_FILENO);  // the restore's last duplication
+    EXPECT_EQ(after, before);
+    EXPECT_THAT(err, HasSubstr("an error line after the collection\n"));
+    std::ifstream file(std::string(root) + "/data/collect/" + module_ + ".log");
+    const std::string collected((std::istreambuf_iterator<char>(file)),
+                                std::istreambuf_iterator<char>());
+    EXPECT_THAT(collected, StartsWith("g_libqz_cap_ready is 0\n"));
+    std::filesystem::remove_all(root);
+
+    a = run("dump_stat");  // and the next command's output reaches the operator
+    ASSERT_EQ(a.status, 0) << a.err;
+    EXPECT_EQ(a.out, "g_libqz_cap_ready is 0\ng_libqz_cap_zlog_level is 1\n");
 }
 
 TEST_F(OperatorSession, MalformedRequestsAreRefusedAndTheProcessKeepsServing) {

@@ -103,6 +103,22 @@ TEST_P(AppTest, NonBlockingReadsOfEveryType) {
     EXPECT_EQ(ctx_->sleep_time, 0u);
 }
 
+TEST_P(AppTest, EveryInitialisationKeepsTheOneLoggingCategory) {
+    void *const category = g_libqz_cap_zlog_category;
+    ASSERT_NE(category, nullptr);
+    for (int i = 0; i < 3; ++i) {
+        void *handle =
+            qz_mom_client_create(store_uri(GetParam(), "category" + std::to_string(i)).c_str());
+        ASSERT_NE(handle, nullptr);
+        libqz_cap_ctrl_info_t *ctx = libqz_cap_ctrl_info_init();
+        ASSERT_NE(ctx, nullptr);
+        EXPECT_EQ(libqz_cap_init_thread(handle, "app_test", ctx), 0);
+        EXPECT_EQ(g_libqz_cap_zlog_category, category) << "initialisation " << i;
+        qz_mom_client_destroy(handle);
+        libqz_cap_ctrl_info_free(ctx);
+    }
+}
+
 TEST_P(AppTest, AMalformedStoredValueIsABusFailureNotAValue) {
     ASSERT_EQ(qz_mom_hset_raw(platform_, 3, "p_libpub.cap_table|global_spec/platform/bad", "7",
                               "twelve", 6),
@@ -112,6 +128,18 @@ TEST_P(AppTest, AMalformedStoredValueIsABusFailureNotAValue) {
         libqz_cap_get_capacity_int32_no_block_thread(app_, "global_spec/platform/bad", ctx_, &n),
         LIBQZ_CAP_E_BUS);
     EXPECT_EQ(n, -1);
+}
+
+TEST_P(AppTest, AFieldANewerPublisherAddedDoesNotSilenceTheCapability) {
+    ASSERT_EQ(pub_->cap_int32("global_spec/platform/mtu", 1500), 0);
+    ASSERT_EQ(qz_mom_hset_raw(platform_, 3, "p_libpub.cap_table|global_spec/platform/mtu", "31",
+                              "jumbo", 5),
+              0);
+    int32_t n = 0;
+    EXPECT_EQ(
+        libqz_cap_get_capacity_int32_no_block_thread(app_, "global_spec/platform/mtu", ctx_, &n),
+        0);
+    EXPECT_EQ(n, 1500);
 }
 
 // ---- pushes and subscriptions

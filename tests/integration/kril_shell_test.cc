@@ -19,6 +19,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -73,6 +75,15 @@ int32_t slow_cmd(void) {
     return 1;
 }
 
+// Points standard input and error at standard output, as collection's
+// restore does when standard output is the shell's capture.
+int32_t grab_cmd(void) {
+    ++g_runs;
+    dup2(STDOUT_FILENO, STDIN_FILENO);
+    dup2(STDOUT_FILENO, STDERR_FILENO);
+    return 0;
+}
+
 // A thread that registers kModule and serves it from a kril_poll loop.
 class Server {
   public:
@@ -89,6 +100,7 @@ class Server {
             reg("echo", "url=%s", echo_cmd);
             reg("hello", "void", hello_cmd);
             reg("slow", "void", slow_cmd);
+            reg("grab", "void", grab_cmd);
             fd_ = kril_fd();
             ready.set_value();
             while (!stop_) {
@@ -332,6 +344,73 @@ TEST_F(KrilShell, RequesterThatLeavesCostsNothing) {
     EXPECT_EQ(ask("kt set 14").code, 0);
     EXPECT_EQ(g_runs, runs + 1);
     expect_fds_back();
+}
+
+TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
+    auto identity = [] {
+        std::vector<std::pair<dev_t, ino_t>> ids;
+        for (int fd = 0; fd <= 2; ++fd) {
+            struct stat st {};
+            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
+            ids.emplace_back(st.st_dev, st.st_ino);
+        }
+        return ids;
+    };
+    const auto before = identity();
+    Reply r = ask("kt grab");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(identity(), before);
+    // The capture itself still works for the next command.
+    r = ask("kt set 21");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "set 21\n");
+}
+
+// Connections that never send their line, or only part of it, give way to
+// newer ones: an operator is never kept out by them.
+TEST_F(KrilShell, IdleAndHalfSentConnectionsNeverKeepAnOperatorOut) {
+    const sockaddr_un addr = socket_addr();
+    auto open_conn = [&] {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_GE(fd, 0);
+        timeval tv{5, 0};  // a missing answer fails the test instead of hanging it
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr), 0);
+        return fd;
+    };
+    std::vector<int> idle, half;
+    for (int i = 0; i < 40; ++i)
+        idle.push_back(open_conn());
+    for (int i = 0; i < 8; ++i) {
+        half.push_back(open_conn());
+        EXPECT_EQ(write(half.back(), "kt set 4", 8), 8);
+    }
+
+    Reply r = ask("kt set 7");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "set 7\n");
+    Ran k = sh(std::string(KRILSH_PATH) + " -p " + std::to_string(getpid()) + " kt set 8");
+    EXPECT_EQ(k.status, 0) << k.err;
+    EXPECT_EQ(k.out, "set 8\nrv 0\n");
+
+    // The longest waiting gave way, and was told why.
+    EXPECT_EQ(read_to_eof(idle.front()).rfind("err -2008 ", 0), 0u);
+    // The newest still finish their line and are served.
+    const int runs = g_runs;
+    const std::string served = "run\nout 6\nset 4\nrv 0\n";
+    for (int fd : half) {
+        EXPECT_EQ(write(fd, "\n", 1), 1);
+        std::string answer;
+        char buf[64];
+        for (ssize_t n; answer.size() < served.size() && (n = read(fd, buf, sizeof buf)) > 0;)
+            answer.append(buf, static_cast<size_t>(n));
+        EXPECT_EQ(answer, served);
+    }
+    EXPECT_EQ(g_runs, runs + 8);
+    for (int fd : idle)
+        close(fd);
+    for (int fd : half)
+        close(fd);
 }
 
 TEST_F(KrilShell, SocketAndDirectoryAreTheUsersAlone) {

@@ -1,6 +1,7 @@
 // The bus stand-in's records: round trips of every field type, keys and
 // patterns, reads, scans, malformed values, injected faults and arguments.
 // Runs unchanged on every store (INSTANTIATE at the end).
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -392,9 +393,9 @@ TEST_P(MomStore, MalformedValuesFailReadsWithTheDecodeCode) {
         std::string value;
     };
     const Case cases[] = {
-        {"bad/text", "7", "abc"}, {"bad/range", "7", "99999999999"}, {"bad/space", "7", " 1"},
-        {"bad/empty", "6", ""},   {"bad/unknown", "99", "1"},        {"bad/notnum", "x", "1"},
-        {"bad/zero", "06", "1"},  {"bad/index", "5", "url"},
+        {"bad/text", "7", "abc"},  {"bad/range", "7", "99999999999"}, {"bad/space", "7", " 1"},
+        {"bad/empty", "6", ""},    {"bad/notnum", "x", "1"},          {"bad/zero", "06", "1"},
+        {"bad/index", "5", "url"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.url);
@@ -426,6 +427,68 @@ TEST_P(MomStore, MalformedValuesFailReadsWithTheDecodeCode) {
     ASSERT_EQ(res->error_code, 0);
     EXPECT_EQ(static_cast<PLibpub__CapTable *>(res->view)->bool_value, 5);
     EXPECT_EQ(static_cast<PLibpub__CapTable *>(res->view)->int32_value, -12);
+}
+
+// A newer publisher may add fields an older reader's type lacks: they are
+// skipped, as protobuf skips unknown fields, and said once per record.
+TEST_P(MomStore, UnknownFieldNumbersAreIgnoredAndReportedOncePerRecord) {
+    raw("p_libpub.cap_table|new/field", "7", "42");
+    raw("p_libpub.cap_table|new/field", "99", "whatever");
+    raw("p_libpub.cap_table|new/field", "1000", "");
+    raw("p_libpub.cap_table|new/other", "6", "1");
+    raw("p_libpub.cap_table|new/other", "12", "x");
+    CapTable t("new/field"), other("new/other"), all("");
+
+    StderrCapture capture;
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        ResPtr res = read(t.msg());
+        ASSERT_EQ(res->error_code, 0);
+        ASSERT_NE(res->view, nullptr);
+        EXPECT_EQ(static_cast<PLibpub__CapTable *>(res->view)->int32_value, 42);
+        EXPECT_THAT(fields_of(res.get()), ElementsAre(5, 7));  // the ignored ones are not listed
+        int32_t err = -1;
+        void *obj = qz_mom_get_sync(app_, kDb, t.msg(), &err);
+        EXPECT_EQ(err, 0);
+        ASSERT_NE(obj, nullptr);
+        EXPECT_EQ(static_cast<PLibpub__CapTable *>(obj)->int32_value, 42);
+        qz_mom_qz_obj_free(obj);
+        Recorder scanned;
+        ASSERT_EQ(qz_mom_scan_sync(app_, kDb, all.msg(), 0, Recorder::cb, &scanned), 0);
+        ASSERT_EQ(scanned.size(), 2u);
+        EXPECT_EQ(scanned.events()[0].fields, (std::vector<int32_t>{5, 7}));
+        EXPECT_EQ(scanned.events()[1].fields, (std::vector<int32_t>{5, 6}));
+    }
+    std::string err = capture.take();
+    std::vector<std::string> lines;
+    for (size_t p = 0, q; (q = err.find('\n', p)) != std::string::npos; p = q + 1)
+        lines.push_back(err.substr(p, q - p));
+    ASSERT_EQ(lines.size(), 2u) << err;  // one per record, not one per read
+    std::sort(lines.begin(), lines.end());
+    EXPECT_THAT(lines[0], HasSubstr("qz_mom: record \"p_libpub.cap_table|new/field\" in db 3"));
+    EXPECT_THAT(lines[0], HasSubstr("99"));
+    EXPECT_THAT(lines[0], HasSubstr("1000"));
+    EXPECT_THAT(lines[0], HasSubstr("ignored"));
+    EXPECT_THAT(lines[1], HasSubstr("\"p_libpub.cap_table|new/other\" in db 3"));
+    EXPECT_THAT(lines[1], HasSubstr("(12)"));
+
+    // Another handle says so once for itself.
+    void *other_handle = qz_mom_client_create(uri_.c_str());
+    ASSERT_NE(other_handle, nullptr);
+    StderrCapture again;
+    EXPECT_EQ(read(t.msg(), other_handle)->error_code, 0);
+    EXPECT_EQ(read(t.msg(), other_handle)->error_code, 0);
+    err = again.take();
+    qz_mom_client_destroy(other_handle);
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+
+    // A known field that does not parse still fails the read, unknown
+    // fields or not.
+    raw("p_libpub.cap_table|new/field", "6", "yes");
+    EXPECT_EQ(read(t.msg())->error_code, QZ_MOM_E_DECODE);
+    int32_t code = 0;
+    EXPECT_EQ(qz_mom_get_sync(app_, kDb, t.msg(), &code), nullptr);
+    EXPECT_EQ(code, QZ_MOM_E_DECODE);
 }
 
 TEST_P(MomStore, ScansSkipMalformedRecordsWithOneLineEach) {

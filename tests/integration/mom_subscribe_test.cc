@@ -365,6 +365,44 @@ TEST_P(MomSubscribe, MalformedPushesAreSkippedWithOneLine) {
     EXPECT_EQ(one_rec.size(), 1u);
 }
 
+TEST_P(MomSubscribe, PushesOfRecordsWithUnknownFieldsAreDeliveredAndReportedOnce) {
+    Recorder &all_rec = recorder();
+    Recorder &field_rec = recorder();
+    CapTable all(""), t("x/newer");
+    ASSERT_EQ(qz_mom_subscribe(app_, kDb, all.msg(), 0, Recorder::cb, &all_rec), 0);
+    ASSERT_EQ(sub_field(t.msg(), {7}, {Recorder::cb}, {&field_rec}), 0);
+    ASSERT_TRUE(all_rec.wait_for(1));
+    ASSERT_TRUE(field_rec.wait_for(1));
+
+    StderrCapture capture;
+    raw("p_libpub.cap_table|x/newer", "99", "a");
+    ASSERT_TRUE(all_rec.wait_for(2));
+    set_int(t, 3);
+    ASSERT_TRUE(all_rec.wait_for(3));
+    ASSERT_TRUE(field_rec.wait_for(2));
+    raw("p_libpub.cap_table|x/newer", "99", "b");  // no listed field changed
+    ASSERT_TRUE(all_rec.wait_for(4));
+    CapTable sentinel("x/sentinel");
+    set_int(sentinel, 1);
+    ASSERT_TRUE(all_rec.wait_for(5));
+    const std::string err = capture.take();
+
+    std::vector<Event> ev = all_rec.events();
+    ASSERT_EQ(ev.size(), 5u);
+    EXPECT_EQ(ev[1].key, "p_libpub.cap_table|x/newer");
+    EXPECT_THAT(ev[1].fields, ElementsAre(5));
+    EXPECT_THAT(ev[2].fields, ElementsAre(5, 7));
+    EXPECT_EQ(int_of(ev[2]), 3);
+    EXPECT_THAT(ev[3].fields, ElementsAre(5, 7));
+    EXPECT_EQ(ev[4].key, "p_libpub.cap_table|x/sentinel");
+    ev = field_rec.events();
+    ASSERT_EQ(ev.size(), 2u);
+    EXPECT_EQ(ev[1].cmd, QZ_MOM_CMD_CHANGED);
+    EXPECT_EQ(int_of(ev[1]), 3);
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    EXPECT_THAT(err, HasSubstr("\"p_libpub.cap_table|x/newer\" in db 3 holds hash fields"));
+}
+
 TEST_P(MomSubscribe, ReadsWritesAndAScanningCallbackOnSeveralThreadsAtOnce) {
     // Application threads read and write through the handle while its
     // delivery thread runs a callback that scans through it too.

@@ -140,6 +140,26 @@ class Recorder {
     std::vector<Event> events_;
 };
 
+// Captures standard error until take(); a failed ASSERT in between ends the
+// capture too, so that the next test can capture again.
+class StderrCapture {
+  public:
+    StderrCapture() { ::testing::internal::CaptureStderr(); }
+    ~StderrCapture() {
+        if (!taken_)
+            ::testing::internal::GetCapturedStderr();
+    }
+    StderrCapture(const StderrCapture &) = delete;
+    StderrCapture &operator=(const StderrCapture &) = delete;
+    std::string take() {
+        taken_ = true;
+        return ::testing::internal::GetCapturedStderr();
+    }
+
+  private:
+    bool taken_ = false;
+};
+
 // Key records and records, built from the initial values.
 struct CapTable {
     PLibpub__CapTable rec = P_LIBPUB__CAP_TABLE__INIT;

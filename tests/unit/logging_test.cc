@@ -1,10 +1,17 @@
 // Gate level, level files and the logging category.
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <climits>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <string>
 
 #include "core/log.h"
@@ -79,12 +86,61 @@ TEST_F(LevelFiles, MissingOrUnreadableFileLeavesLevel) {
     EXPECT_EQ(libqz_cap_load_level_file((dir_ + "absent").c_str()), 0);
     EXPECT_EQ(g_libqz_cap_zlog_level, 3);
 
-    // A directory opens read-only but cannot be read.
-    fs::create_directory(dir_ + "libqz_cap_dbg.txt");
+    // A regular file that opens but whose read fails.
+    fs::create_symlink("/proc/self/mem", dir_ + "libqz_cap_dbg.txt");
     EXPECT_EQ(libqz_cap_load_level_file((dir_ + "libqz_cap_dbg.txt").c_str()), -11);
     EXPECT_EQ(g_libqz_cap_zlog_level, 3);
     EXPECT_EQ(libqz_cap_zlog_init("qzapp"), 0);
     EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+}
+
+// Only a regular file is a level file: anything else is passed over as one
+// that cannot be opened, and nothing waits on it (a FIFO without a writer
+// would block an open for reading forever).
+TEST_F(LevelFiles, FileThatIsNotRegularIsPassedOverWithoutBlocking) {
+    const std::string common_path = dir_ + "libqz_cap_dbg.txt";
+    const std::string app_path = dir_ + "qzapp";
+    ASSERT_EQ(mkfifo(common_path.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(app_path.c_str(), 0600), 0);
+    g_libqz_cap_zlog_level = 3;
+    auto init = std::async(std::launch::async, [] { return libqz_cap_zlog_init("qzapp"); });
+    if (init.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        ADD_FAILURE() << "initialisation blocked on a FIFO level file";
+        // Let the blocked opens through, so that the test ends.
+        while (init.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) {
+            for (const std::string &fifo : {common_path, app_path})
+                close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK));
+        }
+    }
+    EXPECT_EQ(init.get(), 0);
+    EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+    EXPECT_EQ(P().calls("qz_zlog_init").size(), 1u);
+
+    struct Case {
+        std::string what, path;
+    } cases[] = {
+        {"directory", dir_ + "dir"},
+        {"character device", dir_ + "null"},  // read as "" it would silence the library
+        {"socket", dir_ + "sock"},
+    };
+    fs::create_directory(dir_ + "dir");
+    fs::create_symlink("/dev/null", dir_ + "null");
+    {
+        int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        ASSERT_LT((dir_ + "sock").size(), sizeof addr.sun_path);
+        strcpy(addr.sun_path, (dir_ + "sock").c_str());
+        ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        close(sock);
+    }
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        g_libqz_cap_zlog_level = 3;
+        EXPECT_EQ(libqz_cap_load_level_file(c.path.c_str()), 0);
+        EXPECT_EQ(g_libqz_cap_zlog_level, 3);
+    }
+    EXPECT_TRUE(P().logs().empty());
 }
 
 TEST_F(LevelFiles, NoFilesKeepLevelAndOpenCategory) {
