@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine, builds everything and runs every test:
-# the bus client's suite under ThreadSanitizer first (its own build tree),
+# the threaded suites under ThreadSanitizer (the "tsan" preset),
 # then the whole ctest suite of the "dev" preset.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -8,5 +8,5 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j"$(nproc)"
-"$root/scripts/tsan.sh"
+"$root/scripts/sanitize.sh" tsan
 ctest --preset dev -j"$(nproc)"
