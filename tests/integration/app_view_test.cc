@@ -115,6 +115,7 @@ TEST_P(AppTest, EveryInitialisationKeepsTheOneLoggingCategory) {
         EXPECT_EQ(libqz_cap_init_thread(handle, "app_test", ctx), 0);
         EXPECT_EQ(g_libqz_cap_zlog_category, category) << "initialisation " << i;
         qz_mom_client_destroy(handle);
+        qz_cap_destroy_hash(ctx->sub_hash);
         libqz_cap_ctrl_info_free(ctx);
     }
 }
