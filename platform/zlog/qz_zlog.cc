@@ -14,6 +14,9 @@
 #include <mutex>
 #include <string>
 
+// Stamps come from time_t: a 32-bit one ends in January 2038.
+static_assert(sizeof(time_t) >= 8, "build with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64");
+
 namespace {
 
 struct Category {
