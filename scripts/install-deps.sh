@@ -109,6 +109,7 @@ if ! $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/
   for p in "${missing[@]}"; do
     installed "$p" || failed+=("$p")
   done
-  echo "install-deps: could not install ${failed[*]:-(see apt's errors above)}" >&2
+  [ ${#failed[@]} -gt 0 ] || failed=("(see the errors above)")
+  echo "install-deps: could not install ${failed[*]}" >&2
   exit 1
 fi
