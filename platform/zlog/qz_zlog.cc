@@ -19,6 +19,9 @@
 #include <string_view>
 #include <utility>
 
+// Stamps come from time_t: a 32-bit one ends in January 2038.
+static_assert(sizeof(time_t) >= 8, "build with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64");
+
 namespace {
 
 struct Category {

@@ -204,15 +204,17 @@ Ran sh(const std::string &cmd) {
 }
 
 // The helper process, up to its "ready" line: {pid, socket or "none", in-process rv}.
+// A helper that never got there keeps pid 0, and kill(0, ...) would signal this
+// test runner's own process group: signal only what started.
 struct Helper {
     FILE *p;
     pid_t pid = 0;
     std::string sock;
     int rv = -1;
-    explicit Helper(const std::string &env_module) {
-        p = popen((env_module + " 2>" + g_root + "/helper-err").c_str(), "r");
+    explicit Helper(const std::string &command) {
+        p = popen((command + " 2>" + g_root + "/helper-err").c_str(), "r");
         char line[512];
-        while (fgets(line, sizeof line, p) != nullptr) {
+        while (p != nullptr && fgets(line, sizeof line, p) != nullptr) {
             char sock_buf[256];
             if (sscanf(line, "ready %d %255s %d", &pid, sock_buf, &rv) == 3) {
                 sock = sock_buf;
@@ -220,9 +222,26 @@ struct Helper {
             }
         }
     }
+    Helper(const Helper &) = delete;
+    Helper &operator=(const Helper &) = delete;
+    ~Helper() {
+        if (p != nullptr) {  // a test that stopped early: do not wait for its "quit"
+            signal(SIGKILL);
+            pclose(p);
+        }
+    }
+    bool started() const { return pid > 0; }
+    bool signal(int sig) const { return started() && kill(pid, sig) == 0; }
     int finish() {
         int status = pclose(p);
+        p = nullptr;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    // For a helper that did not start: how it ended and what it said.
+    std::string failure() {
+        const int status = p != nullptr ? finish() : -1;
+        return "the helper did not start (exit status " + std::to_string(status) +
+               "): " + slurp(g_root + "/helper-err");
     }
 };
 
@@ -508,7 +527,7 @@ TEST(KrilRunDir, AcceptsOnlyAPrivateDirectoryOfTheUser) {
 }
 
 TEST_F(KrilShell, KrilshPrintsOutputAndResult) {
-    const std::string krilsh = std::string(KRILSH_PATH) + " ", pid = std::to_string(getpid());
+    const std::string krilsh = KRILSH_COMMAND " ", pid = std::to_string(getpid());
     Ran r = sh(krilsh + "-p " + pid + " kt hello");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "hello world\nno newline\nrv 7\n");
@@ -530,8 +549,9 @@ TEST_F(KrilShell, KrilshPrintsOutputAndResult) {
 }
 
 TEST_F(KrilShell, FindsTheRightProcessAndTidiesSockets) {
-    const std::string krilsh = std::string(KRILSH_PATH) + " ";
-    Helper other(std::string(KRIL_SERVE_HELPER_PATH) + " other");
+    const std::string krilsh = KRILSH_COMMAND " ";
+    Helper other(KRIL_SERVE_HELPER_COMMAND " other");
+    ASSERT_TRUE(other.started()) << other.failure();
     EXPECT_EQ(other.sock, g_root + "/run/" + std::to_string(other.pid) + ".sock");
     Ran r = sh(krilsh + "kt set 1");
     EXPECT_EQ(r.status, 1);
@@ -543,11 +563,13 @@ TEST_F(KrilShell, FindsTheRightProcessAndTidiesSockets) {
     EXPECT_FALSE(fs::exists(other.sock)) << "left behind at exit";
 
     // A killed process leaves its socket; the next one to start removes it.
-    Helper killed(std::string(KRIL_SERVE_HELPER_PATH) + " killed");
-    kill(killed.pid, SIGKILL);
+    Helper killed(KRIL_SERVE_HELPER_COMMAND " killed");
+    ASSERT_TRUE(killed.started()) << killed.failure();
+    EXPECT_TRUE(killed.signal(SIGKILL));
     killed.finish();
     EXPECT_TRUE(fs::exists(killed.sock));
-    Helper next(std::string(KRIL_SERVE_HELPER_PATH) + " next");
+    Helper next(KRIL_SERVE_HELPER_COMMAND " next");
+    ASSERT_TRUE(next.started()) << next.failure();
     EXPECT_FALSE(fs::exists(killed.sock));
     EXPECT_EQ(ask("next quit", 5000, next.pid).code, 0);
     EXPECT_EQ(next.finish(), 0);
@@ -555,16 +577,28 @@ TEST_F(KrilShell, FindsTheRightProcessAndTidiesSockets) {
 
 TEST(KrilServe, RefusedRunDirLeavesTheShellInProcess) {
     const std::string dir = loose_dir("shared");
-    Helper h("KRIL_RUN_DIR=" + dir + " exec " + KRIL_SERVE_HELPER_PATH + " m");
+    Helper h("KRIL_RUN_DIR=" + dir + " exec " KRIL_SERVE_HELPER_COMMAND " m");
+    ASSERT_TRUE(h.started()) << h.failure();
     EXPECT_EQ(h.sock, "none");
     EXPECT_EQ(h.rv, 7);
-    kill(h.pid, SIGTERM);
+    EXPECT_TRUE(h.signal(SIGTERM));
     h.finish();
     const std::string err = slurp(g_root + "/helper-err");
     EXPECT_NE(err.find("not reachable from outside: run directory " + dir + " has mode 0755"),
               std::string::npos)
         << err;
     EXPECT_TRUE(fs::is_empty(dir));
+}
+
+// A helper that cannot start is reported with its reason, and signalling it
+// reaches nobody (pid 0 would be this test runner's own group).
+TEST(KrilServe, HelperThatCannotStartIsReportedAndNeverSignalled) {
+    Helper h(g_root + "/no-such-helper m");
+    EXPECT_FALSE(h.started());
+    EXPECT_FALSE(h.signal(SIGKILL));
+    const std::string why = h.failure();
+    EXPECT_NE(why.find("exit status 127"), std::string::npos) << why;
+    EXPECT_NE(why.find("no-such-helper"), std::string::npos) << why;
 }
 
 }  // namespace
