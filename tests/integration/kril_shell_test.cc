@@ -408,7 +408,7 @@ TEST_F(KrilShell, IdleAndHalfSentConnectionsNeverKeepAnOperatorOut) {
     Reply r = ask("kt set 7");
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out, "set 7\n");
-    Ran k = sh(std::string(KRILSH_PATH) + " -p " + std::to_string(getpid()) + " kt set 8");
+    Ran k = sh(std::string(KRILSH_COMMAND) + " -p " + std::to_string(getpid()) + " kt set 8");
     EXPECT_EQ(k.status, 0) << k.err;
     EXPECT_EQ(k.out, "set 8\nrv 0\n");
 
