@@ -58,6 +58,7 @@ struct ChildBlock {
     std::atomic<uint64_t> ops{0};         // reader: reads done
     std::atomic<uint64_t> reconnects{0};  // subscriber: reconnect callbacks run
     std::atomic<uint64_t> confirmations{0};
+    std::atomic<int64_t> bus_subscriptions{-1};  // subscriber: what its bus handle holds, sampled
     Slot slots[kMaxItems];
 };
 

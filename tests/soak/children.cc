@@ -37,7 +37,7 @@ Children::~Children() {
 }
 
 int Children::spawn(const std::string &name, const std::vector<std::string> &args,
-                    std::string *why) {
+                    const std::vector<std::string> &wrapper, std::string *why) {
     Child c;
     c.name = name;
     c.log = log_dir_ + "/";
@@ -47,7 +47,8 @@ int Children::spawn(const std::string &name, const std::vector<std::string> &arg
 
     // Everything exec needs is built before fork: only async-signal-safe
     // calls may follow it.
-    std::vector<std::string> argv_s{exe_};
+    std::vector<std::string> argv_s = wrapper;
+    argv_s.push_back(exe_);
     argv_s.insert(argv_s.end(), args.begin(), args.end());
     std::vector<char *> argv;
     for (std::string &a : argv_s)
@@ -90,7 +91,7 @@ int Children::spawn(const std::string &name, const std::vector<std::string> &arg
         dup2(log, 2);
         close(null);
         close(log);
-        execve(argv[0], argv.data(), envp.data());
+        execvpe(argv[0], argv.data(), envp.data());
         _exit(127);
     }
     // Also here: whichever of the two runs first, the child is in the group

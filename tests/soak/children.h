@@ -34,8 +34,10 @@ class Children {
     Children(const Children &) = delete;
     Children &operator=(const Children &) = delete;
 
-    // Starts `exe role args...`; its index in all(), or -1 with *why.
-    int spawn(const std::string &name, const std::vector<std::string> &args, std::string *why);
+    // Starts `[wrapper...] exe args...`; its index in all(), or -1 with *why.
+    // A wrapper (a profiler, valgrind) runs the driver itself.
+    int spawn(const std::string &name, const std::vector<std::string> &args,
+              const std::vector<std::string> &wrapper, std::string *why);
 
     // Reaps the children that ended; returns their indexes.
     std::vector<int> reap();

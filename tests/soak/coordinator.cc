@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,11 +36,14 @@ struct Interrupted {
     int sig;
 };
 
-// Something that must show progress after the server is back.
+// Something that must show progress after the server is back: a
+// subscriber's subscription to an item, a reader's reads or the publisher's
+// writes. Named only when reported.
 struct Watched {
-    std::string name;
+    enum Who { kPublisher, kSubscriber, kReader } who;
+    uint32_t index;  // of the subscriber or reader
+    uint32_t item;   // of the subscription
     const std::atomic<int64_t> *seen_ns;
-    bool subscription;  // else a reader's reads or the publisher's writes
 };
 
 std::string seconds(int64_t ns) {
@@ -54,6 +58,18 @@ std::string item_name(const Config &cfg, uint32_t item) {
     if (item < cfg.keys + cfg.subcards)
         return "subcard " + std::to_string(item - cfg.keys + 1) + " state";
     return "device readiness";
+}
+
+std::string watched_name(const Config &cfg, const Watched &w) {
+    switch (w.who) {
+        case Watched::kPublisher:
+            return "the publisher";
+        case Watched::kReader:
+            return "reader " + std::to_string(w.index);
+        case Watched::kSubscriber:
+            break;
+    }
+    return "subscriber " + std::to_string(w.index) + ": " + item_name(cfg, w.item);
 }
 
 std::string names(const std::vector<std::string> &all) {
@@ -105,17 +121,24 @@ class Soak {
 
     uint32_t restarts_ = 0, pauses_ = 0;
     uint64_t stalls_ = 0, lost_subscriptions_ = 0, lost_updates_ = 0, crashes_ = 0;
+    uint64_t miscounted_ = 0;          // subscribers whose handle holds more or fewer subscriptions
     std::vector<int64_t> recoveries_;  // from the server's return to every delivery
     int64_t last_back_ns_ = 0;
-    std::vector<ProcStats> first_, last_;
+    std::vector<ProcStats> first_, last_;  // by child index
 };
 
 bool Soak::spawn(const std::string &role, uint32_t index, std::string name) {
     std::string why;
+    std::vector<std::string> wrapper;
+    if (role == "subscriber" && index == 0) {
+        std::stringstream words(opt_.wrap_subscriber);
+        for (std::string w; words >> w;)
+            wrapper.push_back(w);
+    }
     const int child = children_.spawn(
         name,
         {role, "--board", board_path_, "--uri", server_.uri(), "--index", std::to_string(index)},
-        &why);
+        wrapper, &why);
     if (child < 0) {
         printf("soak: cannot start %s: %s\n", name.c_str(), why.c_str());
         return false;
@@ -155,18 +178,17 @@ void Soak::reap() {
 std::vector<Watched> Soak::watched() const {
     std::vector<Watched> w;
     if (alive(publisher_))
-        w.push_back({"the publisher", &board_.publisher.progress_ns, false});
+        w.push_back({Watched::kPublisher, 0, 0, &board_.publisher.progress_ns});
     for (uint32_t s = 0; s < subscribers_.size(); ++s) {
         if (!alive(subscribers_[s]))
             continue;
-        for (uint32_t item = 0; item < cfg_.items(); ++item) {
-            w.push_back({"subscriber " + std::to_string(s) + ": " + item_name(cfg_, item),
-                         &board_.subscribers[s].slots[item].seen_ns, true});
-        }
+        for (uint32_t item = 0; item < cfg_.items(); ++item)
+            w.push_back(
+                {Watched::kSubscriber, s, item, &board_.subscribers[s].slots[item].seen_ns});
     }
     for (uint32_t r = 0; r < readers_.size(); ++r) {
         if (alive(readers_[r]))
-            w.push_back({"reader " + std::to_string(r), &board_.readers[r].progress_ns, false});
+            w.push_back({Watched::kReader, r, 0, &board_.readers[r].progress_ns});
     }
     return w;
 }
@@ -175,12 +197,17 @@ std::vector<Watched> Soak::watched() const {
 // bound_ms after from_ns. Returns how many did not (each a stall).
 int64_t Soak::settle(int64_t since_ns, int64_t from_ns, int64_t bound_ms, std::string *outcome) {
     const int64_t deadline = from_ns + bound_ms * 1000000;
-    std::vector<std::string> pending;
+    uint64_t crashes = crashes_;
+    std::vector<Watched> all = watched(), pending;
     for (;;) {
+        if (crashes != crashes_) {  // a crash is counted as one, not as its silence
+            crashes = crashes_;
+            all = watched();
+        }
         pending.clear();
-        for (const Watched &w : watched()) {
+        for (const Watched &w : all) {
             if (w.seen_ns->load() <= since_ns)
-                pending.push_back(w.name);
+                pending.push_back(w);
         }
         const int64_t now = now_ns();
         if (pending.empty()) {
@@ -192,9 +219,12 @@ int64_t Soak::settle(int64_t since_ns, int64_t from_ns, int64_t bound_ms, std::s
             break;
         tick(kTickMs);
     }
-    *outcome = std::to_string(pending.size()) + " stalled for " + seconds(bound_ms * 1000000) +
-               ": " + names(pending);
-    return static_cast<int64_t>(pending.size());
+    std::vector<std::string> stalled;
+    for (const Watched &w : pending)
+        stalled.push_back(watched_name(cfg_, w));
+    *outcome = std::to_string(stalled.size()) + " stalled for " + seconds(bound_ms * 1000000) +
+               ": " + names(stalled);
+    return static_cast<int64_t>(stalled.size());
 }
 
 bool Soak::fault(const Fault &f, std::string *line) {
@@ -266,13 +296,27 @@ void Soak::final_round() {
 
     std::vector<std::string> lost;
     for (const Watched &w : watched()) {
-        if (w.subscription && w.seen_ns->load() <= last_back_ns_)
-            lost.push_back(w.name);
+        if (w.who == Watched::kSubscriber && w.seen_ns->load() <= last_back_ns_)
+            lost.push_back(watched_name(cfg_, w));
     }
     lost_subscriptions_ = lost.size();
     if (!lost.empty())
         printf("soak: never delivered again after the server's last return: %s\n",
                names(lost).c_str());
+
+    // A renewal made twice delivers twice and holds the server's resources
+    // twice: each handle must hold its subscriptions exactly once.
+    const int64_t want = cfg_.keys + 2;
+    tick(100);  // a sample taken after the last delivery
+    for (uint32_t s = 0; s < subscribers_.size(); ++s) {
+        const int64_t held = board_.subscribers[s].bus_subscriptions.load();
+        if (alive(subscribers_[s]) && held != want) {
+            ++miscounted_;
+            printf("soak: subscriber %u's bus handle holds %" PRId64 " subscriptions, not %" PRId64
+                   "\n",
+                   s, held, want);
+        }
+    }
 }
 
 void Soak::stop_children() {
@@ -314,16 +358,17 @@ int Soak::verdict() {
     bool measured = false;
     std::string detail;
     for (size_t i = 0; i < first_.size() && i < last_.size(); ++i) {
-        if (!first_[i].valid() || !last_[i].valid())
+        const ProcStats &a = first_[i], &b = last_[i];
+        if (!a.valid() || !b.valid())
             continue;
-        const int64_t f = last_[i].fds - first_[i].fds, k = last_[i].rss_kb - first_[i].rss_kb;
+        const int64_t f = b.fds - a.fds, k = b.rss_kb - a.rss_kb;
         fd_growth = measured ? std::max(fd_growth, f) : f;
         rss_growth = measured ? std::max(rss_growth, k) : k;
         measured = true;
         char buf[160];
         snprintf(buf, sizeof buf, "%s%s %" PRId64 "->%" PRId64 " fds, %" PRId64 "->%" PRId64 " kB",
-                 detail.empty() ? "" : "; ", children_.at(static_cast<int>(i)).name.c_str(),
-                 first_[i].fds, last_[i].fds, first_[i].rss_kb, last_[i].rss_kb);
+                 detail.empty() ? "" : "; ", children_.at(static_cast<int>(i)).name.c_str(), a.fds,
+                 b.fds, a.rss_kb, b.rss_kb);
         detail += buf;
     }
     printf("soak: first and last quiet point: %s\n", measured ? detail.c_str() : "not measured");
@@ -356,7 +401,7 @@ int Soak::verdict() {
         printf("soak: growth over its bound (%" PRId64 " descriptors, %" PRId64 " kB)\n",
                opt_.max_fd_growth, opt_.max_rss_growth_kb);
     const bool clean = stalls_ == 0 && lost_subscriptions_ == 0 && lost_updates_ == 0 &&
-                       crashes_ == 0 && fd_ok && rss_ok && measured;
+                       crashes_ == 0 && miscounted_ == 0 && fd_ok && rss_ok && measured;
     if (!clean || opt_.keep_logs)
         printf("soak: logs kept in %s\n", dir_.c_str());
     printf("soak: %u restarts, %" PRIu64 " stalls, %" PRIu64 " lost subscriptions, %" PRIu64

@@ -28,6 +28,8 @@ struct RunOptions {
     int64_t max_fd_growth = 0;
     int64_t max_rss_growth_kb = 2048;
     bool keep_logs = false;  // else the logs are removed after a clean run
+    // A command that runs subscriber 0 (a heap profiler, valgrind), split at spaces.
+    std::string wrap_subscriber;
 };
 
 // Runs the soak; returns the process's exit status: 0 clean, 1 a fault was

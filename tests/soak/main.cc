@@ -80,6 +80,9 @@ int main(int argc, char **argv) {
                     "Faults of our own, to show they are counted: ignore-after-restart, "
                     "reader-exit, fd-per-reconnect (comma-separated)");
     run->add_flag("--keep-logs", opt.keep_logs, "Keep the children's logs after a clean run");
+    run->add_option(
+        "--wrap-subscriber", opt.wrap_subscriber,
+        "Run subscriber 0 under this command (\"heaptrack -o FILE\", \"valgrind ...\")");
 
     soak::RoleArgs role;
     std::map<std::string, int (*)(const soak::RoleArgs &)> roles = {

@@ -16,6 +16,7 @@
 #include "p_libpub.pb-c.h"
 #include "qz_mom.h"
 #include "qz_mom_client.h"
+#include "qz_mom_test.h"
 #include "roles.h"
 
 namespace soak {
@@ -218,8 +219,10 @@ int run_subscriber(const RoleArgs &args) {
     }
     sub.block->ready.store(1);
 
-    while (board->phase.load() != kStopping)
+    while (board->phase.load() != kStopping) {
+        sub.block->bus_subscriptions.store(qz_mom_test_subscription_count(global));
         usleep(20 * 1000);
+    }
     // No callback may run once the handle is gone.
     qz_mom_client_destroy(global);
     return sub.block->faults.load() == 0 ? 0 : 1;
