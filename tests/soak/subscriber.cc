@@ -187,10 +187,11 @@ int run_subscriber(const RoleArgs &args) {
     void *global = connect_bus(*board, args.uri);
     if (global == nullptr)
         return 0;
+    // The thread's own context: the one the debug module uses too.
     libqz_cap_ctrl_info_t *ctx = &g_libqz_cap_ctrl_info;
-    int32_t rc = libqz_cap_init_thread(global, "soak", ctx);
+    int32_t rc = libqz_cap_init(global, "soak");
     if (rc != 0) {
-        fprintf(stderr, "soak: libqz_cap_init_thread failed: %d\n", rc);
+        fprintf(stderr, "soak: libqz_cap_init failed: %d\n", rc);
         return 2;
     }
     // Callback arguments must outlive the handle's deliveries.
