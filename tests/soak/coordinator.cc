@@ -270,25 +270,30 @@ void Soak::final_round() {
         const int64_t seq = pub.final_seq[item].load();
         return item == cfg_.state_item() ? (seq & 1) : seq;
     };
-    std::vector<std::string> missing;
-    const int64_t quiet_by = now_ns() + opt_.final_ms * 1000000;
-    for (;;) {
-        missing.clear();
+    // Lists (or only counts) the final values the subscribers do not hold.
+    auto not_held = [&](std::vector<std::string> *names) {
+        size_t n = 0;
         for (uint32_t s = 0; s < subscribers_.size(); ++s) {
             if (!alive(subscribers_[s]))
                 continue;
             for (uint32_t item = 0; item < cfg_.items(); ++item) {
                 const int64_t got = board_.subscribers[s].slots[item].value.load();
-                if (got != wanted(item))
-                    missing.push_back("subscriber " + std::to_string(s) + ": " +
-                                      item_name(cfg_, item) + " holds " + std::to_string(got) +
-                                      ", not " + std::to_string(wanted(item)));
+                if (got == wanted(item))
+                    continue;
+                ++n;
+                if (names != nullptr)
+                    names->push_back("subscriber " + std::to_string(s) + ": " +
+                                     item_name(cfg_, item) + " holds " + std::to_string(got) +
+                                     ", not " + std::to_string(wanted(item)));
             }
         }
-        if (missing.empty() || now_ns() >= quiet_by)
-            break;
+        return n;
+    };
+    const int64_t quiet_by = now_ns() + opt_.final_ms * 1000000;
+    while (not_held(nullptr) != 0 && now_ns() < quiet_by)
         tick(kTickMs);
-    }
+    std::vector<std::string> missing;
+    not_held(&missing);
     lost_updates_ = missing.size();
     if (!missing.empty())
         printf("soak: final values not delivered within %s: %s\n",
