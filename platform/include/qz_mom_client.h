@@ -50,7 +50,9 @@ void *qz_mom_client_create(const char *uri);
 
 /*
  * Stops the delivery thread, drops the client's subscriptions and frees the
- * handle. REQUIRES: not called from one of the handle's own callbacks.
+ * handle. A callback the delivery thread is running is waited for; until it
+ * returns, its calls on the handle are answered (QZ_MOM_E_CONN once the store
+ * is closed). REQUIRES: not called from one of the handle's own callbacks.
  */
 void qz_mom_client_destroy(void *global);
 

@@ -62,7 +62,6 @@ Client *Client::create(const char *uri) {
 }
 
 Client::~Client() {
-    magic_ = 0;
     if (store_ != nullptr)
         store_->close();  // no on_change from here on
     {
@@ -74,6 +73,8 @@ Client::~Client() {
         thread_.join();
     if (wake_fd_ >= 0)
         close(wake_fd_);
+    // Only now: a callback still running above may call the bus with this handle.
+    magic_ = 0;
 }
 
 void Client::wake() {

@@ -6,6 +6,7 @@
 // subscription, so anything wrongly delivered before it would be seen.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <set>
 #include <string>
@@ -614,6 +615,44 @@ TEST_P(MomSubscribe, DestroyWithLiveSubscriptionsAndQueuedChanges) {
     qz_mom_client_destroy(h);  // must not crash or leak results
     CapTable t("x/after");
     write(t.msg(), {6});
+}
+
+// Destroying a handle waits for the callback it is running; until that
+// callback returns the handle is live: its bus calls answer as calls on a
+// closing store (0, or QZ_MOM_E_CONN once the store is closed), never as
+// calls on a handle that is gone.
+TEST_P(MomSubscribe, CallbackRunningWhileItsHandleIsDestroyedStillHasALiveHandle) {
+    Recorder &rec = recorder();
+    void *h = qz_mom_client_create(uri_.c_str());
+    ASSERT_NE(h, nullptr);
+    std::atomic<bool> in_callback{false}, destroying{false};
+    std::vector<int32_t> answers;  // each change of the callback's answer, in order
+    rec.on_event = [&](void *global, qz_mom_pmsg_t *pmsg) {
+        if (pmsg->cmd != QZ_MOM_CMD_SUBSCRIBED)
+            return;
+        in_callback = true;
+        const auto give_up = std::chrono::steady_clock::now() + kWait;
+        while (!destroying && std::chrono::steady_clock::now() < give_up)
+            std::this_thread::yield();
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+        while (std::chrono::steady_clock::now() < until) {
+            const int32_t rc = qz_mom_client_connect_sync(global, kDb);
+            if (answers.empty() || answers.back() != rc)
+                answers.push_back(rc);
+            if (rc == QZ_MOM_E_CONN)
+                break;
+        }
+    };
+    CapTable all("");
+    ASSERT_EQ(qz_mom_subscribe(h, kDb, all.msg(), 0, Recorder::cb, &rec), 0);
+    const auto give_up = std::chrono::steady_clock::now() + kWait;
+    while (!in_callback && std::chrono::steady_clock::now() < give_up)
+        std::this_thread::yield();
+    ASSERT_TRUE(in_callback) << "the confirmation never came";
+    destroying = true;
+    qz_mom_client_destroy(h);  // returns once the callback has
+    ASSERT_FALSE(answers.empty());
+    EXPECT_THAT(answers, ::testing::Each(::testing::AnyOf(0, QZ_MOM_E_CONN)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, MomSubscribe, ::testing::Values(embedded_store(), redis_store()),
