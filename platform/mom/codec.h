@@ -68,9 +68,9 @@ int32_t encode_field(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor
 // of the field numbers it holds (for a keyed type the index field first, then
 // the stored fields ascending) in *nums/*count.
 // Strict: a value that does not parse, an out-of-range number, a field name
-// that is not a non-index field of the type, an unparsable packed message or
-// a key whose index cannot be parsed fail with QZ_MOM_E_DECODE (details in
-// *err); nothing is allocated then.
+// that is not a non-index field of the type, a field stored twice, an
+// unparsable packed message or a key whose index cannot be parsed fail with
+// QZ_MOM_E_DECODE (details in *err); nothing is allocated then.
 int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view key,
                       const Record &rec, ProtobufCMessage **view, int32_t **nums, uint32_t *count,
                       DecodeError *err);
