@@ -15,7 +15,10 @@ constexpr std::string_view kChannelPrefix = "__keyspace@";
 int32_t to_snapshot(const redisReply *r, Snapshot *out, std::string_view *err) {
     out->reset();
     if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        *err = is_error(r) ? text(r) : std::string_view("unexpected reply to HGETALL");
+        if (!is_error(r))
+            *err = "unexpected reply to HGETALL";
+        else  // the reason goes into a log line: never an empty one
+            *err = r->len != 0 ? text(r) : std::string_view("error reply without a text");
         return QZ_MOM_E_REPLY;
     }
     if (r->elements == 0)
