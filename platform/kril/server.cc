@@ -203,6 +203,10 @@ void reply(const Fd &conn, const std::string &text) {
 }  // namespace
 
 void handle_line(Fd conn, std::string_view line) {
+    // Names and arguments end at a NUL once they are C strings: a request
+    // holding one would run a command other than the one it spells.
+    if (line.find('\0') != std::string_view::npos)
+        return reply(conn, error_line(KRIL_E_PROTO, "request holds a NUL byte: requests are text"));
     auto [module, cmd, arg] = split_request(line);
     if (module.empty())
         return reply(conn, error_line(KRIL_E_ARG,
