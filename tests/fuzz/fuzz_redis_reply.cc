@@ -89,6 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::unique_ptr<redisReader, ReaderFree> reader(redisReaderCreate());
     if (reader == nullptr)
         fault("out of memory");
+    qzmom::redis::limit_replies(reader.get());  // as every connection of the store
     redisReaderFeed(reader.get(), reinterpret_cast<const char *>(data), size);
     std::vector<ReplyPtr> replies;
     for (;;) {
