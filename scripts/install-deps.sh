@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   g++-multilib clang-format
+  clang libclang-rt-dev
 )
 
 missing=()

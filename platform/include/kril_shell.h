@@ -18,7 +18,8 @@
  * bytes, newline included:
  *     "<module> <command> [argument text]\n"   run a command
  *     "list\n"                                 list modules and commands
- * The argument is the rest of the line, surrounding blanks removed. Answer:
+ * The argument is the rest of the line, surrounding blanks removed. A line
+ * holding a NUL byte is refused with KRIL_E_PROTO. Answer:
  *     "err <code> <text>\n"                    nothing ran (KRIL_E_ code)
  * or, for a command, "run\n" when its serving thread picks it up, then
  *     "out <n>\n" <n bytes of standard output> "rv <handler result>\n"
