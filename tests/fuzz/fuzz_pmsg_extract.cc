@@ -207,6 +207,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (len_out != want || (in.size >= 1 && strlen(buf) != want) ||
             memcmp(buf, url_text.c_str(), want) != 0)
             fault("the URL delivered is not the record's, cut to the buffer");
+        if (in.size < 1 && std::string(buf, cap) != before)
+            fault("a buffer of size below 1 was written");
         if (in.int32_form ? int_out != in.int32_value : bool_out != (in.bool_value != 0))
             fault("the value delivered is not the record's");
     }
