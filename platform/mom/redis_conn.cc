@@ -26,6 +26,8 @@ void *limited_array(const redisReadTask *task, int elements) {
 }  // namespace
 
 void limit_replies(redisReader *reader) {
+    if (reader->fn == nullptr)
+        return;  // a reader that builds no objects allocates nothing either
     static redisReplyObjectFunctions limited = [&] {
         g_hiredis_fns = reader->fn;
         redisReplyObjectFunctions fns = *reader->fn;
