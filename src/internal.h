@@ -46,6 +46,10 @@ const char *libqz_cap_exe_base_name(const char *link_text);
 
 /* ---- Logging and start-up steps ------------------------------------------ */
 
+/* The gate level a level file's text gives: at most the first 15 of its len
+ * bytes count, up to a NUL, converted as strtol does in base 10. */
+int32_t libqz_cap_level_from_text(const char *text, size_t len);
+
 /* Applies one level file. Returns 0 (missing file, or applied) or -11. */
 int libqz_cap_load_level_file(const char *path);
 

@@ -18,7 +18,8 @@
  * bytes, newline included:
  *     "<module> <command> [argument text]\n"   run a command
  *     "list\n"                                 list modules and commands
- * The argument is the rest of the line, surrounding blanks removed. Answer:
+ * The argument is the rest of the line, surrounding blanks removed. A line
+ * holding a NUL byte is refused with KRIL_E_PROTO. Answer:
  *     "err <code> <text>\n"                    nothing ran (KRIL_E_ code)
  * or, for a command, "run\n" when its serving thread picks it up, then
  *     "out <n>\n" <n bytes of standard output> "rv <handler result>\n"
@@ -58,7 +59,7 @@ enum {
     KRIL_E_PERM = -2009,      /* the peer is another user */
     KRIL_E_TIMEOUT = -2010,   /* no answer in time */
     KRIL_E_IO = -2011,        /* a system call failed or the peer went away */
-    KRIL_E_PROTO = -2012,     /* an answer that does not follow the protocol */
+    KRIL_E_PROTO = -2012,     /* a request or answer that does not follow the protocol */
     KRIL_E_NO_SOCKET = -2013, /* no process serves what was asked for */
     KRIL_E_RUN_DIR = -2014,   /* the run directory is not safe to use */
     KRIL_E_AMBIGUOUS = -2015  /* several processes match */

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -66,6 +67,16 @@ std::string listing();
 // Server (server.cc): gives the calling thread a request queue and, the first
 // time, starts listening.
 int32_t server_attach(std::thread::id thread);
+// Answers or queues one request line (its newline removed) that arrived on conn.
+void handle_line(Fd conn, std::string_view line);
+
+// Request lines (request.cc).
+struct RequestLine {
+    std::string module, cmd, arg;
+};
+// The first two blank-separated words and the rest without its surrounding
+// blanks; a trailing '\r' is not part of the line.
+RequestLine split_request(std::string_view line);
 
 // Run directory (rundir.cc).
 std::string run_dir();

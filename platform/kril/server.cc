@@ -222,28 +222,14 @@ void reply(const Fd &conn, const std::string &text) {
     send_all(conn.get(), text, MSG_DONTWAIT);
 }
 
-void handle_line(Fd conn, std::string line) {
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    auto blank = [](char c) { return c == ' ' || c == '\t'; };
-    size_t p = 0;
-    auto word = [&] {
-        while (p < line.size() && blank(line[p]))
-            ++p;
-        size_t start = p;
-        while (p < line.size() && !blank(line[p]))
-            ++p;
-        return line.substr(start, p - start);
-    };
-    std::string module = word();
-    std::string cmd = word();
-    while (p < line.size() && blank(line[p]))
-        ++p;
-    size_t last = line.size();
-    while (last > p && blank(line[last - 1]))
-        --last;
-    std::string arg = line.substr(p, last - p);
+}  // namespace
 
+void handle_line(Fd conn, std::string_view line) {
+    // Names and arguments end at a NUL once they are C strings: a request
+    // holding one would run a command other than the one it spells.
+    if (line.find('\0') != std::string_view::npos)
+        return reply(conn, error_line(KRIL_E_PROTO, "request holds a NUL byte: requests are text"));
+    auto [module, cmd, arg] = split_request(line);
     if (module.empty())
         return reply(conn, error_line(KRIL_E_ARG,
                                       "empty request: send '<module> <command> "
@@ -279,6 +265,8 @@ void handle_line(Fd conn, std::string line) {
     q.pending.push_back(Request{++s.next_id, std::move(conn), module, cmd, arg});
     q.signal();
 }
+
+namespace {
 
 // Returns true when the listener is done with the connection.
 bool read_request(Reading &r) {

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "qz_mom_client.h"
 
@@ -367,6 +368,8 @@ int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view k
         arr[k++] = static_cast<int32_t>(idx->id);
     }
     const uint32_t first = k;
+    // A hash holds a field once; decoding one twice would also leak the first value.
+    std::vector<bool> seen(desc->n_fields);
     for (size_t i = 0; ok && i < rec.size(); ++i) {
         const Field &f = rec[i];
         int32_t num = 0;
@@ -379,11 +382,14 @@ int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view k
                     err->ignored += ", ";
                 err->ignored += f.name;
             }
+        } else if (seen[static_cast<size_t>(fd - desc->fields)]) {
+            ok = fail(err, QZ_MOM_E_DECODE, "hash field appears twice", f.name);
         } else if (fd == idx) {
             ok = fail(err, QZ_MOM_E_DECODE, "the index is stored as a hash field", f.name);
         } else if (unsupported(fd)) {
             ok = fail(err, QZ_MOM_E_TYPE, "field type cannot be stored", f.name);
         } else {
+            seen[static_cast<size_t>(fd - desc->fields)] = true;
             ok = decode_value(fd, f.value, msg, f.name, err);
             arr[k++] = num;
         }

@@ -73,9 +73,10 @@ int32_t encode_field(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor
 // unknown field, so that a newer publisher's extra field never breaks an
 // older reader; it is listed in err->ignored, not in *nums.
 // Strict otherwise: a value that does not parse, an out-of-range number, a
-// field name that is not a canonical field number, the index stored as a hash
-// field, an unparsable packed message or a key whose index cannot be parsed
-// fail with QZ_MOM_E_DECODE (details in *err); nothing is allocated then.
+// field name that is not a canonical field number, a field stored twice, the
+// index stored as a hash field, an unparsable packed message or a key whose
+// index cannot be parsed fail with QZ_MOM_E_DECODE (details in *err); nothing
+// is allocated then.
 int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view key,
                       const Record &rec, ProtobufCMessage **view, int32_t **nums, uint32_t *count,
                       DecodeError *err);

@@ -14,12 +14,38 @@ timeval timeout() {
     return timeval{kTimeoutMs / 1000, (kTimeoutMs % 1000) * 1000};
 }
 
+// hiredis's own reply functions, which every reader starts with.
+const redisReplyObjectFunctions *g_hiredis_fns = nullptr;
+
+void *limited_array(const redisReadTask *task, int elements) {
+    if (elements > kMaxReplyElements)
+        return nullptr;
+    return g_hiredis_fns->createArray(task, elements);
+}
+
 }  // namespace
+
+void limit_replies(redisReader *reader) {
+    if (reader->fn == nullptr)
+        return;  // a reader that builds no objects allocates nothing either
+    static redisReplyObjectFunctions limited = [&] {
+        g_hiredis_fns = reader->fn;
+        redisReplyObjectFunctions fns = *reader->fn;
+        fns.createArray = limited_array;
+        return fns;
+    }();
+    if (reader->fn == g_hiredis_fns)
+        reader->fn = &limited;
+}
 
 std::string error_of(const redisContext *c) {
     // hiredis keeps only the text of errno: a receive timeout reads as EAGAIN.
     if (c->err == REDIS_ERR_IO && strcmp(c->errstr, strerror(EAGAIN)) == 0)
         return "no answer within " + std::to_string(kTimeoutMs) + " ms";
+    if (c->err == REDIS_ERR_OOM) {
+        return "out of memory, or a reply of more than " + std::to_string(kMaxReplyElements) +
+               " elements";
+    }
     return c->errstr[0] != '\0' ? c->errstr : "connection failed";
 }
 
@@ -111,6 +137,7 @@ std::unique_ptr<Conn> Conn::open(const Endpoint &ep, std::string *why) {
         *why = error_of(c.get());
         return nullptr;
     }
+    limit_replies(c->reader);
     if (redisSetTimeout(c.get(), timeout()) != REDIS_OK ||
         (ep.path.empty() && redisEnableKeepAlive(c.get()) != REDIS_OK)) {
         *why = error_of(c.get());

@@ -49,6 +49,16 @@ void append_command(std::string &out, std::span<const std::string_view> args);
 // `s` with the glob characters of MATCH and PSUBSCRIBE patterns escaped.
 std::string glob_escape(std::string_view s);
 
+// hiredis allocates an array reply's element table from the count the server
+// announces, before any element has arrived: "*300000000" alone would take
+// 2.4 GB. No reply the store asks for comes near this many elements.
+constexpr int kMaxReplyElements = 1 << 20;
+
+// Makes reader refuse an array of more than kMaxReplyElements elements as
+// hiredis refuses what it cannot allocate: a reader error (REDIS_ERR_OOM),
+// after which the connection is dropped like any broken one.
+void limit_replies(redisReader *reader);
+
 // What went wrong on a context, for messages ("no answer within 1000 ms" on a timeout).
 std::string error_of(const redisContext *c);
 

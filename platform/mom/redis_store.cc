@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include "codec.h"
 #include "qz_mom_client.h"
 #include "redis_conn.h"
+#include "redis_reply.h"
 #include "report.h"
 
 namespace qzmom {
@@ -27,74 +27,18 @@ namespace {
 using redis::Conn;
 using redis::is_error;
 using redis::ReplyPtr;
+using redis::SubMessage;
 using redis::text;
+using redis::to_snapshot;
 
 template <class V>
 using StrMap = std::unordered_map<std::string, V, StrHash, std::equal_to<>>;
 using StrSet = std::unordered_set<std::string, StrHash, std::equal_to<>>;
 
-constexpr std::string_view kChannelPrefix = "__keyspace@";
 constexpr int kFirstRetryMs = 10;
 constexpr int kMaxRetryMs = 1000;
 constexpr size_t kMaxRemembered = 65536;  // last pushed records kept for comparison
 constexpr int32_t kLibraryDb = 3;
-
-std::string channel_prefix(int32_t db) {
-    return std::string(kChannelPrefix) + std::to_string(db) + "__:";
-}
-
-// "__keyspace@<db>__:<rest>" -> db, rest.
-bool parse_channel(std::string_view ch, int32_t *db, std::string_view *rest) {
-    if (!ch.starts_with(kChannelPrefix))
-        return false;
-    ch.remove_prefix(kChannelPrefix.size());
-    auto [end, ec] = std::from_chars(ch.data(), ch.data() + ch.size(), *db);
-    if (ec != std::errc())
-        return false;
-    ch.remove_prefix(static_cast<size_t>(end - ch.data()));
-    if (!ch.starts_with("__:"))
-        return false;
-    *rest = ch.substr(3);
-    return true;
-}
-
-// The type of a whole-type pattern "<escaped type>|*".
-bool pattern_type(std::string_view rest, std::string *type) {
-    if (!rest.ends_with("|*"))
-        return false;
-    rest.remove_suffix(2);
-    type->clear();
-    for (size_t i = 0; i < rest.size(); ++i) {
-        if (rest[i] == '\\' && i + 1 < rest.size())
-            ++i;
-        type->push_back(rest[i]);
-    }
-    return true;
-}
-
-// The record an HGETALL reply holds (null: no such key). *err names an
-// error reply or a reply of the wrong shape.
-int32_t to_snapshot(const redisReply *r, Snapshot *out, std::string_view *err) {
-    out->reset();
-    if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        *err = is_error(r) ? text(r) : std::string_view("unexpected reply to HGETALL");
-        return QZ_MOM_E_REPLY;
-    }
-    if (r->elements == 0)
-        return 0;
-    auto rec = std::make_shared<Record>();
-    rec->reserve(r->elements / 2);
-    for (size_t i = 0; i < r->elements; i += 2) {
-        const redisReply *name = r->element[i], *value = r->element[i + 1];
-        if (name->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING) {
-            *err = "unexpected reply to HGETALL";
-            return QZ_MOM_E_REPLY;
-        }
-        rec->push_back(Field{std::string(text(name)), std::string(text(value))});
-    }
-    *out = std::move(rec);
-    return 0;
-}
 
 bool same_record(const Snapshot &a, const Snapshot &b) {
     if (a == nullptr || b == nullptr)
@@ -102,19 +46,6 @@ bool same_record(const Snapshot &a, const Snapshot &b) {
     return std::equal(
         a->begin(), a->end(), b->begin(), b->end(),
         [](const Field &x, const Field &y) { return x.name == y.name && x.value == y.value; });
-}
-
-// Keyspace flags we need: K (keyspace channel), g (del, rename), h (hash
-// commands), x (expired), e (evicted). 'A' stands for every class.
-std::string missing_flags(std::string_view have) {
-    std::string missing;
-    for (char f : std::string_view("Kghxe")) {
-        if (have.find(f) == std::string_view::npos &&
-            (f == 'K' || have.find('A') == std::string_view::npos)) {
-            missing.push_back(f);
-        }
-    }
-    return missing;
 }
 
 std::string refusal(std::string_view command, const redisReply *r) {
@@ -133,15 +64,14 @@ bool enable_notifications(Conn &c, std::string *why, bool *refused) {
     ReplyPtr r;
     if (!c.run({"CONFIG", "GET", "notify-keyspace-events"}, &r, why))
         return false;
-    if (is_error(r.get()) || r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
-        r->element[1]->type != REDIS_REPLY_STRING) {
+    std::string have;
+    if (!redis::notify_flags(r.get(), &have)) {
         *refused = true;
         *why = is_error(r.get()) ? refusal("CONFIG GET notify-keyspace-events", r.get())
                                  : "unexpected reply to CONFIG GET notify-keyspace-events";
         return false;
     }
-    std::string have(text(r->element[1]));
-    std::string missing = missing_flags(have);
+    std::string missing = redis::missing_flags(have);
     if (missing.empty())
         return true;
     const std::string want = have + missing;
@@ -227,16 +157,10 @@ class RedisStore final : public Store {
                 ReplyPtr r;
                 if (!c.run({"SCAN", cursor, "MATCH", match, "COUNT", "1000"}, &r, why))
                     return false;
-                if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
-                    r->element[0]->type != REDIS_REPLY_STRING ||
-                    r->element[1]->type != REDIS_REPLY_ARRAY) {
+                if (!redis::scan_page(r.get(), &cursor, &keys)) {
                     *rc = QZ_MOM_E_REPLY;
                     return true;
                 }
-                cursor.assign(text(r->element[0]));
-                const redisReply *found = r->element[1];
-                for (size_t i = 0; i < found->elements; ++i)
-                    keys.emplace_back(text(found->element[i]));
             } while (cursor != "0");
             std::sort(keys.begin(), keys.end());
             keys.erase(std::unique(keys.begin(), keys.end()), keys.end());  // SCAN may repeat
@@ -287,22 +211,7 @@ class RedisStore final : public Store {
             std::vector<ReplyPtr> replies;
             if (!c.exchange(&replies, why))
                 return false;
-            *rc = 0;
-            for (const ReplyPtr &r : replies) {
-                if (is_error(r.get()))
-                    *rc = QZ_MOM_E_REPLY;
-            }
-            if (sets && dels) {
-                const redisReply *exec = replies.back().get();
-                if (exec->type != REDIS_REPLY_ARRAY) {
-                    *rc = QZ_MOM_E_REPLY;
-                    return true;
-                }
-                for (size_t i = 0; i < exec->elements; ++i) {
-                    if (is_error(exec->element[i]))
-                        *rc = QZ_MOM_E_REPLY;
-                }
-            }
+            *rc = redis::write_status(replies, sets && dels);
             return true;
         });
     }
@@ -320,7 +229,7 @@ class RedisStore final : public Store {
     int32_t watch(const WatchSpec &spec, uint64_t *id) override {
         // The map key tells an exact channel from a pattern with the same text.
         std::string name(1, spec.whole_type ? 'p' : 's');
-        name += channel_prefix(spec.db);
+        name += redis::channel_prefix(spec.db);
         name += spec.whole_type ? redis::glob_escape(spec.key) + "|*" : spec.key;
         std::unique_lock<std::mutex> lk(mu_);
         if (phase_ != Phase::kUp || stop_)
@@ -689,45 +598,22 @@ class RedisStore final : public Store {
         uint64_t acks = 0;
         notices_.clear();
         for (const ReplyPtr &rp : batch_) {
-            const redisReply *r = rp.get();
-            if (r->type != REDIS_REPLY_ARRAY || r->elements < 2 ||
-                r->element[0]->type != REDIS_REPLY_STRING) {
-                continue;
-            }
-            const std::string_view kind = text(r->element[0]);
-            const bool plain = kind == "message" && r->elements == 3;
-            if (plain || (kind == "pmessage" && r->elements == 4)) {
-                Notice n{};
-                const redisReply *ch = r->element[plain ? 1 : 2];
-                const redisReply *ev = r->element[plain ? 2 : 3];
-                if (ch->type != REDIS_REPLY_STRING || ev->type != REDIS_REPLY_STRING ||
-                    !parse_channel(text(ch), &n.db, &n.key)) {
+            SubMessage m = redis::read_sub_message(rp.get());
+            if (m.kind == SubMessage::Kind::kEvent) {
+                if (!m.pattern && covered_by_pattern(m.db, m.key))
                     continue;
-                }
-                n.event = text(ev);
-                // Events that leave a hash as it was.
-                if (n.event == "expire" || n.event == "persist" || n.event == "new")
-                    continue;
-                if (plain && covered_by_pattern(n.db, n.key))
-                    continue;
-                notices_.push_back(n);
-            } else if (kind == "psubscribe" || kind == "punsubscribe") {
+                notices_.push_back(Notice{m.db, m.key, m.event});
+            } else if (m.kind == SubMessage::Kind::kAck) {
                 ++acks;
-                int32_t db = 0;
-                std::string_view rest;
-                std::string type;
-                if (r->element[1]->type == REDIS_REPLY_STRING &&
-                    parse_channel(text(r->element[1]), &db, &rest) && pattern_type(rest, &type)) {
-                    if (kind == "psubscribe") {
-                        patterned_[db].insert(std::move(type));
-                    } else if (auto it = patterned_.find(db); it != patterned_.end()) {
-                        it->second.erase(type);
-                        if (it->second.empty())
-                            patterned_.erase(it);
-                    }
+                if (!m.has_type)
+                    continue;
+                if (m.subscribe) {
+                    patterned_[m.db].insert(std::move(m.type));
+                } else if (auto it = patterned_.find(m.db); it != patterned_.end()) {
+                    it->second.erase(m.type);
+                    if (it->second.empty())
+                        patterned_.erase(it);
                 }
-            } else if (kind == "subscribe" || kind == "unsubscribe") {
-                ++acks;
             }
         }
         if (acks != 0) {

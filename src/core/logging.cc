@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "core/log.h"
 #include "core/paths.h"
@@ -49,6 +51,12 @@ int32_t to_level(long v) {
 
 extern "C" {
 
+int32_t libqz_cap_level_from_text(const char *text, size_t len) {
+    char buf[kLevelTextLen] = {};
+    memcpy(buf, text, std::min(len, sizeof buf - 1));
+    return to_level(strtol(buf, nullptr, 10));
+}
+
 int libqz_cap_load_level_file(const char *path) {
     // Only a regular file is a level file; anything else counts as one that
     // cannot be opened. Opening without blocking and checking the opened
@@ -59,10 +67,11 @@ int libqz_cap_load_level_file(const char *path) {
     struct stat st;
     if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return 0;
-    char text[kLevelTextLen] = {};
-    if (read(fd.get(), text, sizeof text - 1) < 0)
+    char text[kLevelTextLen - 1];
+    const ssize_t n = read(fd.get(), text, sizeof text);
+    if (n < 0)
         return LIBQZ_CAP_E_INIT;
-    libqz_cap_log_level(to_level(strtol(text, nullptr, 10)));
+    libqz_cap_log_level(libqz_cap_level_from_text(text, static_cast<size_t>(n)));
     return 0;
 }
 

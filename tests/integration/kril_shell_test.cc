@@ -315,6 +315,25 @@ TEST_F(KrilShell, RejectsBadRequestsClearlyAndRunsNothing) {
     EXPECT_EQ(ask("kt set 5").code, 0);
 }
 
+// A client that is not krilsh can send any bytes: a NUL must not cut a
+// request down to another command that then runs.
+TEST_F(KrilShell, RejectsARequestHoldingANulByte) {
+    using namespace std::string_literals;
+    const std::string requests[] = {"kt echo url=ab\0cd\n"s, "kt set 5\0 junk\n"s,
+                                    "kt\0other hello\n"s, "kt hello\0\n"s};
+    for (const std::string &req : requests) {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr = socket_addr();
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        ASSERT_EQ(write(fd, req.data(), req.size()), static_cast<ssize_t>(req.size()));
+        const std::string answer = read_to_eof(fd);
+        close(fd);
+        EXPECT_EQ(answer, "err -2012 request holds a NUL byte: requests are text\n");
+    }
+    EXPECT_EQ(g_runs, 0);
+    EXPECT_EQ(ask("kt echo url=ab").rv, 2);
+}
+
 TEST_F(KrilShell, DescriptorIsReadableWhileARequestWaits) {
     server_.pause();
     EXPECT_FALSE(readable(server_.fd(), 0));
