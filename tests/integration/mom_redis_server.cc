@@ -128,8 +128,19 @@ void RedisServer::stop() {
     if (pid_ <= 0)
         return;
     ::kill(pid_, SIGTERM);
+    ::kill(pid_, SIGCONT);  // a paused server would never see the SIGTERM
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
+}
+
+void RedisServer::pause() {
+    if (pid_ > 0)
+        ::kill(pid_, SIGSTOP);
+}
+
+void RedisServer::resume() {
+    if (pid_ > 0)
+        ::kill(pid_, SIGCONT);
 }
 
 RedisPtr RedisServer::client(int db) const {

@@ -47,6 +47,9 @@ class RedisServer {
     void kill();
     // SIGTERM and wait.
     void stop();
+    // SIGSTOP: connections are still accepted, nothing is answered; resume() with SIGCONT.
+    void pause();
+    void resume();
 
     std::string uri() const { return "unix:" + socket_; }
     const std::string &socket() const { return socket_; }

@@ -17,6 +17,7 @@ namespace qzcap::tool {
 namespace {
 
 constexpr int32_t kDb = 3;
+constexpr int32_t kCardIndexField = 5;
 
 struct ResFree {
     void operator()(qz_mom_hash_res_t *r) const { qz_mom_hash_res_free(r); }
@@ -178,6 +179,8 @@ void write_description(const Connection &conn, const Description &d,
         std::vector<int32_t> fields;
         ProtobufCMessage *m = ops.arena().build(&p_dev__card_info__descriptor, d.cards[i],
                                                 path_index(".cards", i), &fields);
+        // The index is the key, never a stored field.
+        std::erase(fields, kCardIndexField);
         ops.add(m, std::move(fields));
     }
 

@@ -46,10 +46,11 @@ int hex_digit(char c) {
 }  // namespace
 
 std::string path_key(const std::string &path, const std::string &key) {
-    const bool plain =
-        !key.empty() && (isalpha(static_cast<unsigned char>(key[0])) || key[0] == '_') &&
-        std::all_of(key.begin(), key.end(),
-                    [](char c) { return isalnum(static_cast<unsigned char>(c)) || c == '_'; });
+    const bool plain = !key.empty() && key.size() <= 80 &&
+                       (isalpha(static_cast<unsigned char>(key[0])) || key[0] == '_') &&
+                       std::all_of(key.begin(), key.end(), [](char c) {
+                           return isalnum(static_cast<unsigned char>(c)) || c == '_';
+                       });
     if (plain)
         return path + "." + key;
     // Long keys (URLs) are cut: the path must stay one readable line.
