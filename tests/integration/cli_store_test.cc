@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -35,8 +36,14 @@ std::string config(const std::string &socket, const std::string &name) {
     return std::string(r->element[1]->str, r->element[1]->len);
 }
 
+// Running: neither gone nor a zombie waiting for init to reap it.
 bool alive(pid_t pid) {
-    return kill(pid, 0) == 0 || errno != ESRCH;
+    if (kill(pid, 0) != 0 && errno == ESRCH)
+        return false;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    return text.find(") Z ") == std::string::npos;
 }
 
 TEST(CliStore, UpStartsAServerForTheBusAndDownStopsIt) {

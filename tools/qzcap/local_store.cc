@@ -74,6 +74,18 @@ pid_t read_pid(const std::string &file) {
     return pid > 0 && pid <= INT32_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
+// Whether process pid has ended: gone, or a zombie that its parent (the
+// daemon's is init, which may take its time) has not reaped yet.
+bool ended(pid_t pid) {
+    if (kill(pid, 0) != 0 && errno == ESRCH)
+        return true;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const size_t close = text.rfind(')');  // the name may hold anything
+    return close != std::string::npos && text.compare(close, 3, ") Z") == 0;
+}
+
 Clock::time_point deadline_after(double s) {
     return Clock::now() + std::chrono::microseconds(static_cast<int64_t>(s * 1e6));
 }
@@ -174,7 +186,7 @@ void store_down(const std::string &dir, double timeout_s) {
     ask(socket, "SHUTDOWN NOSAVE");
     const auto deadline = deadline_after(timeout_s);
     for (;;) {
-        const bool gone = pid > 0 ? kill(pid, 0) != 0 && errno == ESRCH : !answers(socket);
+        const bool gone = pid > 0 ? ended(pid) : !answers(socket);
         if (gone)
             return;
         if (Clock::now() >= deadline) {
