@@ -14,7 +14,7 @@
 namespace qzcap::tool {
 namespace {
 
-using Event = Json::parse_event_t;
+using Event = InJson::parse_event_t;
 
 struct DuplicateKey {
     std::string path;
@@ -22,7 +22,7 @@ struct DuplicateKey {
 
 // nlohmann keeps the last of two equal keys without a word; in a description
 // that would silently drop a capability, so the parser stops at the second.
-Json parse_json(const std::string &text) {
+InJson parse_json(const std::string &text) {
     struct Frame {
         bool array = false;
         size_t index = 0;  // elements started so far
@@ -40,7 +40,7 @@ Json parse_json(const std::string &text) {
         if (!stack.empty() && stack.back().array)
             ++stack.back().index;
     };
-    return Json::parse(text, [&](int, Event ev, Json &parsed) {
+    return InJson::parse(text, [&](int, Event ev, InJson &parsed) {
         switch (ev) {
             case Event::object_start:
             case Event::array_start:
@@ -64,23 +64,23 @@ Json parse_json(const std::string &text) {
     });
 }
 
-[[noreturn]] void wrong(const std::string &path, const std::string &expected, const Json &got) {
+[[noreturn]] void wrong(const std::string &path, const std::string &expected, const InJson &got) {
     bad_input(path + ": expected " + expected + ", not " + json_brief(got));
 }
 
-const Json &object_at(const Json &j, const std::string &path) {
+const InJson &object_at(const InJson &j, const std::string &path) {
     if (!j.is_object())
         wrong(path, "an object", j);
     return j;
 }
 
-bool bool_at(const Json &j, const std::string &path) {
+bool bool_at(const InJson &j, const std::string &path) {
     if (!j.is_boolean())
         wrong(path, "true or false", j);
     return j.get<bool>();
 }
 
-int32_t int32_at(const Json &j, const std::string &path) {
+int32_t int32_at(const InJson &j, const std::string &path) {
     if (!j.is_number_integer())
         wrong(path, "an int32", j);
     const std::optional<int32_t> v = to_int32(j.dump());
@@ -89,7 +89,7 @@ int32_t int32_at(const Json &j, const std::string &path) {
     return *v;
 }
 
-std::string string_at(const Json &j, const std::string &path) {
+std::string string_at(const InJson &j, const std::string &path) {
     if (!j.is_string())
         wrong(path, "a string", j);
     return j.get<std::string>();
@@ -105,7 +105,7 @@ std::string url_at(const std::string &url, const std::string &path) {
     bad_input(path + ": unknown key (expected " + std::string(known) + ")");
 }
 
-CapRecord cap_at(const Json &j, const std::string &path, bool subcard) {
+CapRecord cap_at(const InJson &j, const std::string &path, bool subcard) {
     CapRecord r;
     if (j.is_boolean()) {
         r.bool_value = j.get<bool>();
@@ -140,7 +140,7 @@ CapRecord cap_at(const Json &j, const std::string &path, bool subcard) {
     return r;
 }
 
-std::map<std::string, CapRecord> caps_at(const Json &j, const std::string &path, bool subcard) {
+std::map<std::string, CapRecord> caps_at(const InJson &j, const std::string &path, bool subcard) {
     std::map<std::string, CapRecord> out;
     for (const auto &[url, v] : object_at(j, path).items()) {
         const std::string at = path_key(path, url);
@@ -149,7 +149,7 @@ std::map<std::string, CapRecord> caps_at(const Json &j, const std::string &path,
     return out;
 }
 
-std::vector<SubcardState> states_at(const Json &j, const std::string &path) {
+std::vector<SubcardState> states_at(const InJson &j, const std::string &path) {
     if (!j.is_array())
         wrong(path, "an array", j);
     std::vector<SubcardState> out;
@@ -189,7 +189,7 @@ std::vector<SubcardState> states_at(const Json &j, const std::string &path) {
     return out;
 }
 
-std::vector<Json> cards_at(const Json &j, const std::string &path) {
+std::vector<Json> cards_at(const InJson &j, const std::string &path) {
     if (!j.is_array())
         wrong(path, "an array", j);
     std::vector<Json> out;
@@ -212,7 +212,7 @@ std::vector<Json> cards_at(const Json &j, const std::string &path) {
     return out;
 }
 
-Description description_at(const Json &doc) {
+Description description_at(const InJson &doc) {
     Description d;
     if (!doc.is_object())
         bad_input("a device description is a JSON object, not " + json_brief(doc));
@@ -271,7 +271,7 @@ Json cap_json(const CapRecord &r) {
 Json caps_json(const std::map<std::string, CapRecord> &caps) {
     Json j = Json::object();
     for (const auto &[url, r] : caps)
-        j[url] = cap_json(r);
+        append_new(j, url, cap_json(r));
     return j;
 }
 
@@ -285,10 +285,10 @@ size_t Description::record_count() const {
 }
 
 Description parse_description(const std::string &text, const std::string &source) {
-    Json doc;
+    InJson doc;
     try {
         doc = parse_json(text);
-    } catch (const Json::parse_error &e) {
+    } catch (const InJson::parse_error &e) {
         // "[json.exception.parse_error.101] parse error at line 3, column 5: ..."
         std::string why = e.what();
         if (const size_t p = why.find("] "); why.starts_with("[json.exception") && p != why.npos)

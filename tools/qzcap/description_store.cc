@@ -177,7 +177,7 @@ void write_description(const Connection &conn, const Description &d,
     }
     for (size_t i = 0; i < d.cards.size(); ++i) {
         std::vector<int32_t> fields;
-        ProtobufCMessage *m = ops.arena().build(&p_dev__card_info__descriptor, d.cards[i],
+        ProtobufCMessage *m = ops.arena().build(&p_dev__card_info__descriptor, InJson(d.cards[i]),
                                                 path_index(".cards", i), &fields);
         // The index is the key, never a stored field.
         std::erase(fields, kCardIndexField);

@@ -39,7 +39,7 @@ int hex_digit(char c) {
     return -1;
 }
 
-[[noreturn]] void wrong(const std::string &path, const std::string &expected, const Json &got) {
+[[noreturn]] void wrong(const std::string &path, const std::string &expected, const InJson &got) {
     bad_input(path + ": expected " + expected + ", not " + json_brief(got));
 }
 
@@ -62,14 +62,19 @@ std::string path_index(const std::string &path, size_t i) {
     return path + "[" + std::to_string(i) + "]";
 }
 
-std::string json_brief(const Json &j) {
+void append_new(Json &object, const std::string &key, Json value) {
+    using Base = std::vector<std::pair<const std::string, Json>>;
+    static_cast<Base &>(object.get_ref<Json::object_t &>()).emplace_back(key, std::move(value));
+}
+
+std::string json_brief(const InJson &j) {
     if (j.is_object())
         return "an object";
     if (j.is_array())
         return "an array";
     if (j.is_null())
         return "null";
-    std::string text = j.dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::string text = j.dump(-1, ' ', false, InJson::error_handler_t::replace);
     if (text.size() > 40)
         text = j.is_string()
                    ? "a string of " + std::to_string(j.get_ref<const std::string &>().size()) +
@@ -118,7 +123,7 @@ Json message_json(const ProtobufCMessage *m, const std::vector<int32_t> *stored)
     return j;
 }
 
-ProtobufCMessage *MessageArena::build(const ProtobufCMessageDescriptor *desc, const Json &j,
+ProtobufCMessage *MessageArena::build(const ProtobufCMessageDescriptor *desc, const InJson &j,
                                       const std::string &path, std::vector<int32_t> *fields) {
     if (!j.is_object())
         wrong(path, "an object", j);
