@@ -72,6 +72,10 @@ TEST_F(CliValues, WhatAnOperatorPublishesWithRedisCliIsReadBack) {
     EXPECT_EQ(r.err,
               "qzcap: reading 'x/bad': the stored record is malformed (a value does not parse as "
               "its field's type, or a field number the record type lacks)\n");
+    // ...and del is the way out of it.
+    r = run({"del", "x/bad"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_THAT(hash("p_libpub.cap_table|x/bad"), ElementsAre());
 }
 
 TEST_F(CliValues, SubcardCapabilitiesAreKeyedByNodeId) {

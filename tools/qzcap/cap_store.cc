@@ -147,9 +147,16 @@ void write_capability(const Connection &conn, const CapKey &key, const CapValue 
 }
 
 void delete_capability(const Connection &conn, const CapKey &key) {
-    if (read_record(conn, key)->view == nullptr)
-        not_found("no capability " + key.describe());
     CapMessage m(key);
+    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kDb, m.msg()));
+    if (res == nullptr)
+        throw Failure(kExitBadInput, "reading " + key.describe() + ": out of memory");
+    // A record that does not decode is there all the same, and del is the way out of it.
+    if (res->error_code != QZ_MOM_E_DECODE) {
+        conn.check(res->error_code, "reading " + key.describe());
+        if (res->view == nullptr)
+            not_found("no capability " + key.describe());
+    }
     conn.check(qz_mom_delete(conn.handle(), kDb, m.msg()), "deleting " + key.describe());
 }
 
