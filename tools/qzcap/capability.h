@@ -43,8 +43,8 @@ struct CapValue {
     }
 };
 
-// The value typed on a command line. REQUIRES the failure path: throws a
-// bad-input Failure naming the text ("'yes' is not a boolean ...").
+// The value typed on a command line; a bad-input Failure naming the text
+// when it is not one of the type ("'yes' is not a boolean ...").
 CapValue parse_value(CapType type, std::string_view text);
 
 // For people: true/false, decimal, or the text with control characters
