@@ -127,7 +127,7 @@ QZ_MOM_EXPORT void *qz_mom_client_open(const char *uri, int32_t *error_code, cha
     if (error_code != nullptr)
         *error_code = c != nullptr ? 0 : code;
     if (why != nullptr && why_len > 0) {
-        const std::string_view text = c != nullptr ? std::string_view() : reason;
+        const std::string_view text = c != nullptr ? std::string_view("") : reason;
         const size_t n = std::min(text.size(), why_len - 1);
         memcpy(why, text.data(), n);
         why[n] = '\0';

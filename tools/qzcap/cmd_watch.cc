@@ -51,10 +51,7 @@ class Watch {
         for (const CapKey &k : keys_)
             url_width_ = std::max(url_width_, one_line(k.url).size());
     }
-    ~Watch() {
-        conn_.reset();  // no callback runs after this
-        libqz_cap_ctrl_info_free(ctx_);
-    }
+    ~Watch() { conn_.reset(); }  // no callback runs after this
 
     int run();
 
@@ -231,8 +228,11 @@ void Watch::subscribe_all() {
             targets_.push_back(std::make_unique<Target>(Target{this, k, t}));
     }
     if (!keys_.front().node) {
-        // The library's context: its registry is what gets renewed.
-        ctx_ = libqz_cap_ctrl_info_init();
+        // The library's context: its registry is what gets renewed. What the
+        // library allocates for subscriptions is never released, so the
+        // context stays with the process, reachable, instead of being freed.
+        static libqz_cap_ctrl_info_t *const ctx = libqz_cap_ctrl_info_init();
+        ctx_ = ctx;
         if (ctx_ == nullptr)
             throw Failure(kExitBadInput, "out of memory");
         conn_->check(libqz_cap_init_thread(global, "qzcap", ctx_), "setting up libqz_cap");
