@@ -22,6 +22,7 @@ struct Options {
     int batches = 100;      // batches per block (embedded store)
     int subs = 1000;        // subscriptions renewed after a restart
     int renew_rounds = 5;   // restarts per side
+    int load_rounds = 10;   // loads of 10,000 capabilities per side
     int timeout_ms = 5000;  // longest wait for one expected callback
     std::vector<int> only;  // benchmarks to run (empty: all)
     std::string redis_server;

@@ -1,4 +1,4 @@
-// The four benchmarks, and the library client they share.
+// The benchmarks, and the library client they share.
 #ifndef QZCAP_BENCH_FIGURES_H
 #define QZCAP_BENCH_FIGURES_H
 
@@ -34,6 +34,7 @@ Figure bench_redis_read(const Options &opts, RedisServer &server);
 Figure bench_mem_read(const Options &opts);
 Figure bench_push(const Options &opts, RedisServer &server);
 Figure bench_renewal(const Options &opts, RedisServer &server);
+Figure bench_load(const Options &opts, RedisServer &server);
 
 }  // namespace qzbench
 

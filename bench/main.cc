@@ -35,11 +35,11 @@ using qzbench::Options;
 
 void usage() {
     std::printf(
-        "usage: qzcap_bench [--smoke] [--only=1,2,3,4] [--blocks=N] [--ops=N] [--subs=N]\n"
-        "                   [--rounds=N] [--redis-server=PATH]\n"
+        "usage: qzcap_bench [--smoke] [--only=1,2,3,4,5] [--blocks=N] [--ops=N] [--subs=N]\n"
+        "                   [--rounds=N] [--loads=N] [--redis-server=PATH]\n"
         "  --smoke   a short run that checks every operation and callback, not the speed\n"
         "  --only    run only the listed benchmarks (1 Redis read, 2 embedded read,\n"
-        "            3 push latency, 4 renewal after a restart)\n");
+        "            3 push latency, 4 renewal after a restart, 5 qzcap load)\n");
 }
 
 bool parse_int(const char *arg, const char *name, int *out) {
@@ -67,11 +67,11 @@ bool parse(int argc, char **argv, Options *o) {
         const char *a = argv[i];
         if (std::strcmp(a, "--smoke") == 0 || parse_int(a, "--blocks", &o->blocks) ||
             parse_int(a, "--ops", &o->ops) || parse_int(a, "--subs", &o->subs) ||
-            parse_int(a, "--rounds", &o->renew_rounds))
+            parse_int(a, "--rounds", &o->renew_rounds) || parse_int(a, "--loads", &o->load_rounds))
             continue;
         if (std::strncmp(a, "--only=", 7) == 0) {
             for (const char *p = a + 7; *p != '\0'; ++p)
-                if (*p >= '1' && *p <= '4')
+                if (*p >= '1' && *p <= '5')
                     o->only.push_back(*p - '0');
             continue;
         }
@@ -82,7 +82,7 @@ bool parse(int argc, char **argv, Options *o) {
         usage();
         return false;
     }
-    if (o->blocks < 1 || o->ops < 1 || o->subs < 1 || o->renew_rounds < 1) {
+    if (o->blocks < 1 || o->ops < 1 || o->subs < 1 || o->renew_rounds < 1 || o->load_rounds < 1) {
         std::fprintf(stderr, "qzcap_bench: counts must be at least 1\n");
         return false;
     }
@@ -121,7 +121,7 @@ int main(int argc, char **argv) {
         HIREDIS_PATCH);
 
     std::vector<Figure> figures;
-    bool need_server = opts.wants(1) || opts.wants(3) || opts.wants(4);
+    bool need_server = opts.wants(1) || opts.wants(3) || opts.wants(4) || opts.wants(5);
     std::unique_ptr<qzbench::RedisServer> server;
     if (need_server) {
         std::string why;
@@ -148,6 +148,8 @@ int main(int argc, char **argv) {
         figures.push_back(qzbench::bench_push(opts, *server));
     if (opts.wants(4))
         figures.push_back(qzbench::bench_renewal(opts, *server));
+    if (opts.wants(5))
+        figures.push_back(qzbench::bench_load(opts, *server));
     if (server)
         server->stop();
 

@@ -49,6 +49,33 @@ enum {
 void *qz_mom_client_create(const char *uri);
 
 /*
+ * As qz_mom_client_create, for tools that report failures in their own
+ * words: it prints nothing. On failure it returns NULL with *error_code set
+ * to QZ_MOM_E_ARG (a malformed URI), QZ_MOM_E_CONN (the store does not
+ * answer) or QZ_MOM_E_REPLY (it answers but refuses this client: a password,
+ * CONFIG refused), and the reason in why (cut to why_len - 1 bytes and
+ * terminated). error_code and why may be NULL.
+ */
+void *qz_mom_client_open(const char *uri, int32_t *error_code, char *why, size_t why_len);
+
+/*
+ * Told on the delivery thread when the connection to the store is lost (up
+ * 0, why says how) and when it is back (up 1, why ""), in order with the
+ * deliveries: a lost connection after the deliveries made before it, a
+ * returned one before the reconnect callbacks run.
+ */
+typedef void (*qz_mom_conn_cb)(void *global, int32_t up, const char *why, void *user_data);
+
+/*
+ * Sets the handle's connection-state callback (one per handle; NULL removes
+ * it). While one is set, the client leaves the reporting of these two
+ * events to it and prints no line of its own for them. The embedded store
+ * never loses its connection; qz_mom_test_reconnect tells the callback too.
+ * Returns 0 or QZ_MOM_E_ARG.
+ */
+int32_t qz_mom_client_set_conn_cb(void *global, qz_mom_conn_cb cb, void *user_data);
+
+/*
  * Stops the delivery thread, drops the client's subscriptions and frees the
  * handle. A callback the delivery thread is running is waited for; until it
  * returns, its calls on the handle are answered (QZ_MOM_E_CONN once the store
@@ -65,6 +92,36 @@ void qz_mom_client_destroy(void *global);
  */
 int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMessage *record, uint32_t field_count,
                      const int32_t *fields);
+
+/*
+ * One record's part of qz_mom_write_batch: `record` names the record (key
+ * from its type and index) and holds the values of the `fields` to store.
+ * `clear` lists fields to remove from the stored record. With `replace`
+ * non-zero the stored record is emptied first, so that it ends up holding
+ * exactly the listed fields; replace with no field deletes the record.
+ */
+typedef struct qz_mom_write_op {
+    const ProtobufCMessage *record;
+    uint32_t field_count;
+    const int32_t *fields;
+    uint32_t clear_count;
+    const int32_t *clear;
+    int32_t replace;
+} qz_mom_write_op_t;
+
+/*
+ * Applies `count` record writes in one step: every op is checked first (as
+ * qz_mom_write checks its fields, for both lists; an op that stores and
+ * clears nothing without `replace`, or a field listed twice, is
+ * QZ_MOM_E_ARG), and nothing is written unless all of them pass. Then all
+ * are applied together (a Redis store sends one pipelined MULTI/EXEC, so no
+ * reader sees part of the batch) and subscribers are notified of each
+ * record. Returns 0 or a QZ_MOM_E_ code; when one op was at fault, *failed
+ * (may be NULL) is its position, else count. After QZ_MOM_E_CONN it is not
+ * known whether the batch was applied.
+ */
+int32_t qz_mom_write_batch(void *global, int32_t db, const qz_mom_write_op_t *ops, uint32_t count,
+                           uint32_t *failed);
 
 /* Deletes the record named by `key`. Returns 0 (also when nothing was stored). */
 int32_t qz_mom_delete(void *global, int32_t db, const ProtobufCMessage *key);

@@ -1,89 +1,130 @@
 // krilsh: runs one debug-shell command in a running process of this user.
-#include <getopt.h>
-
+//
+// Exit status: 0 the command ran (whatever it returned, unless --check);
+// 1 it could not run, with one "krilsh: <reason>" line; 2 usage; 3 with
+// --check, it ran and returned a negative result.
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "kril_shell.h"
 
 namespace {
 
-void usage(FILE *to) {
-    fputs(
-        "usage: krilsh [-p PID] [-t SECONDS] MODULE COMMAND [ARG...]\n"
-        "       krilsh [-p PID] [-t SECONDS] list\n"
-        "       krilsh -m MODULE [-t SECONDS] COMMAND [ARG...] | list\n"
-        "Without -p or -m, the only process of this user that serves a debug shell.\n"
-        "Prints the command's output, then \"rv N\" with its result; exits 0 when it ran.\n",
-        to);
-}
+constexpr int kRan = 0, kFailed = 1, kUsage = 2, kNegative = 3;
 
-bool positive(const char *text, long max, long *out) {
-    char *end = nullptr;
-    long v = strtol(text, &end, 10);
-    if (end == text || *end != '\0' || v <= 0 || v > max)
+constexpr char kDescription[] =
+    "Runs one command of a process's debug shell and prints its output, then \"rv N\" with the\n"
+    "handler's result. The process is the only one of this user that serves a debug shell,\n"
+    "or the one given with --pid, or the one that serves --module.";
+
+constexpr char kFooter[] =
+    "Requests:\n"
+    "  MODULE COMMAND [ARG...]   run COMMAND of MODULE (ARG may start with '-')\n"
+    "  list                      list the process's modules and their commands\n"
+    "  with --module, COMMAND [ARG...] names a command of that module\n"
+    "Exit status: 0 the command ran; 1 it could not run (one \"krilsh:\" line says why);\n"
+    "2 usage; 3 with --check, the command ran and its result was negative.";
+
+// A whole decimal number in [1, max], or false: no sign games, no silent
+// saturation of a long that is 32 bits wide on the device.
+bool positive(const std::string &text, int64_t max, int64_t *out) {
+    int64_t v = 0;
+    const char *end = text.data() + text.size();
+    auto [p, ec] = std::from_chars(text.data(), end, v);
+    if (text.empty() || ec != std::errc() || p != end || v < 1 || v > max)
         return false;
     *out = v;
     return true;
 }
 
+// CLI11's usage line knows nothing of the request words after the options.
+class Formatter : public CLI::Formatter {
+  public:
+    std::string make_usage(const CLI::App *, std::string) const override {
+        return "Usage: krilsh [OPTIONS] MODULE COMMAND [ARG...]\n"
+               "       krilsh [OPTIONS] list\n"
+               "       krilsh [OPTIONS] --module MODULE COMMAND [ARG...]\n";
+    }
+};
+
+int usage_error(const std::string &why) {
+    fprintf(stderr, "krilsh: %s (see krilsh --help)\n", why.c_str());
+    return kUsage;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    long pid = 0;
-    long timeout_s = 10;
-    const char *module = nullptr;
-    int opt;
-    // '+': arguments after the command (say "-5") are not options.
-    while ((opt = getopt(argc, argv, "+p:m:t:h")) != -1) {
-        switch (opt) {
-            case 'p':
-                if (!positive(optarg, 0x7fffffff, &pid)) {
-                    fprintf(stderr, "krilsh: -p wants a pid, not '%s'\n", optarg);
-                    return 2;
-                }
-                break;
-            case 'm':
-                module = optarg;
-                break;
-            case 't':
-                if (!positive(optarg, 86400, &timeout_s)) {
-                    fprintf(stderr, "krilsh: -t wants seconds, not '%s'\n", optarg);
-                    return 2;
-                }
-                break;
-            case 'h':
-                usage(stdout);
-                return 0;
-            default:
-                usage(stderr);
-                return 2;
-        }
+    CLI::App app(kDescription, "krilsh");
+    app.footer(kFooter);
+    app.formatter(std::make_shared<Formatter>());
+    std::string pid_text, module, timeout_text = "10";
+    bool check = false;
+    app.add_option("-p,--pid", pid_text, "Process to reach")->type_name("PID");
+    app.add_option("-m,--module", module, "Reach the one process that serves MODULE")
+        ->type_name("MODULE");
+    app.add_option("-t,--timeout", timeout_text, "Longest wait for each step of the answer")
+        ->type_name("SECONDS")
+        ->default_str("10");
+    app.add_flag("-c,--check", check, "Exit with status 3 when the command's result is negative");
+    // Everything from the first word that is not an option is the request.
+    app.prefix_command();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &) {
+        fputs(app.help().c_str(), stdout);
+        return kRan;
+    } catch (const CLI::ParseError &e) {
+        return usage_error(e.what());
     }
-    const int left = argc - optind;
-    const bool list = left == 1 && strcmp(argv[optind], "list") == 0;
-    if ((pid != 0 && module != nullptr) || left == 0 || (!list && module == nullptr && left < 2)) {
-        usage(stderr);
-        return 2;
+
+    int64_t pid = 0, timeout_s = 0;
+    if (!pid_text.empty() && !positive(pid_text, INT32_MAX, &pid)) {
+        fprintf(stderr, "krilsh: -p wants a pid, not '%s'\n", pid_text.c_str());
+        return kUsage;
     }
-    std::string request = list || module == nullptr ? "" : std::string(module) + " ";
-    for (int i = optind; i < argc; ++i)
-        request += (i > optind ? " " : "") + std::string(argv[i]);
+    if (!positive(timeout_text, 86400, &timeout_s)) {
+        fprintf(stderr, "krilsh: -t wants seconds, not '%s'\n", timeout_text.c_str());
+        return kUsage;
+    }
+    std::vector<std::string> words = app.remaining();
+    if (!words.empty() && words[0] == "--")
+        words.erase(words.begin());
+    const bool list = words.size() == 1 && words[0] == "list";
+    if (pid != 0 && !module.empty())
+        return usage_error("--pid and --module name the process twice");
+    if (words.empty())
+        return usage_error("no request");
+    // No module name starts with '-': this is an option CLI11 did not know.
+    if (words[0].starts_with('-'))
+        return usage_error("unknown option '" + words[0] + "'");
+    if (!list && module.empty() && words.size() < 2)
+        return usage_error("no command after the module '" + words[0] + "'");
+
+    std::string request = list || module.empty() ? "" : module + " ";
+    for (size_t i = 0; i < words.size(); ++i)
+        request += (i > 0 ? " " : "") + words[i];
 
     char err[512] = "";
     int32_t target = static_cast<int32_t>(pid);
-    if (target == 0 && kril_client_find(module, &target, err, sizeof err) != 0) {
+    if (target == 0 && kril_client_find(module.empty() ? nullptr : module.c_str(), &target, err,
+                                        sizeof err) != 0) {
         fprintf(stderr, "krilsh: %s\n", err);
-        return 1;
+        return kFailed;
     }
     char *text = nullptr;
     size_t len = 0;
     FILE *mem = open_memstream(&text, &len);
     if (mem == nullptr) {
         perror("krilsh: open_memstream");
-        return 1;
+        return kFailed;
     }
     int32_t rv = 0;
     int32_t code = kril_client_run(target, request.c_str(), static_cast<int32_t>(timeout_s * 1000),
@@ -96,9 +137,15 @@ int main(int argc, char **argv) {
     if (code != 0) {
         fflush(stdout);
         fprintf(stderr, "krilsh: %s\n", err);
-        return 1;
+        return kFailed;
     }
-    if (!list)
-        printf("rv %d\n", rv);
-    return 0;
+    if (list)
+        return kRan;
+    printf("rv %d\n", rv);
+    if (check && rv < 0) {
+        fflush(stdout);
+        fprintf(stderr, "krilsh: %s returned %d\n", request.c_str(), rv);
+        return kNegative;
+    }
+    return kRan;
 }

@@ -1,6 +1,8 @@
 // The C entry points of qz_mom.h and qz_mom_client.h: argument checks,
 // injected faults and accounting, then a forward to the client. No exception
 // leaves this file.
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -61,10 +63,84 @@ qz_mom_hash_res_t *hgetall(void *global, int32_t db, const int32_t *option,
     return hand_out(c->read(db, key));
 }
 
+// The store writes of one batch op; the names and values are owned by `out`.
+int32_t encode_op(const qz_mom_write_op_t &op, RecordWrite *out) {
+    if (!valid_message(op.record) || (op.field_count != 0 && op.fields == nullptr) ||
+        (op.clear_count != 0 && op.clear == nullptr) ||
+        (op.field_count == 0 && op.clear_count == 0 && op.replace == 0)) {
+        return QZ_MOM_E_ARG;
+    }
+    const ProtobufCMessageDescriptor *desc = op.record->descriptor;
+    const ProtobufCFieldDescriptor *idx = index_field(desc);
+    int32_t rc = encode_key(op.record, out->key, nullptr);
+    if (rc != 0)
+        return rc;
+    out->replace = op.replace != 0;
+    // The views of out->writes point into these, so they must not move.
+    out->names.resize(op.field_count + op.clear_count);
+    out->values.resize(op.field_count);
+    for (uint32_t i = 0; i < op.field_count + op.clear_count; ++i) {
+        const bool clear = i >= op.field_count;
+        const int32_t num = clear ? op.clear[i - op.field_count] : op.fields[i];
+        const ProtobufCFieldDescriptor *fd = protobuf_c_message_descriptor_get_field(desc, num);
+        if (fd == nullptr || fd == idx)
+            return QZ_MOM_E_ARG;
+        for (uint32_t j = 0; j < i; ++j) {
+            const int32_t other = j >= op.field_count ? op.clear[j - op.field_count] : op.fields[j];
+            if (other == num)
+                return QZ_MOM_E_ARG;
+        }
+        out->names[i] = field_name(num);
+        bool present = true;
+        if (!clear) {
+            rc = encode_field(op.record, fd, out->values[i], &present);
+            if (rc != 0)
+                return rc;
+        }
+        out->writes.push_back(FieldWrite{out->names[i], clear ? std::string_view() : out->values[i],
+                                         clear || !present});
+    }
+    return 0;
+}
+
 }  // namespace
 
 QZ_MOM_EXPORT void *qz_mom_client_create(const char *uri) {
-    return guarded<void *>(nullptr, [&]() -> void * { return Client::create(uri); });
+    return guarded<void *>(nullptr, [&]() -> void * {
+        std::string why;
+        int32_t code = 0;
+        Client *c = Client::create(uri, &why, &code);
+        if (c == nullptr) {
+            const char *u = uri != nullptr ? uri : getenv("QZ_MOM_URI");
+            report("cannot create a client for \"%s\": %s",
+                   u != nullptr && *u != '\0' ? u : "mem:", why.c_str());
+        }
+        return c;
+    });
+}
+
+QZ_MOM_EXPORT void *qz_mom_client_open(const char *uri, int32_t *error_code, char *why,
+                                       size_t why_len) {
+    std::string reason = "out of memory";
+    int32_t code = QZ_MOM_E_NOMEM;
+    Client *c = guarded<Client *>(nullptr, [&] { return Client::create(uri, &reason, &code); });
+    if (error_code != nullptr)
+        *error_code = c != nullptr ? 0 : code;
+    if (why != nullptr && why_len > 0) {
+        const std::string_view text = c != nullptr ? std::string_view("") : reason;
+        const size_t n = std::min(text.size(), why_len - 1);
+        memcpy(why, text.data(), n);
+        why[n] = '\0';
+    }
+    return c;
+}
+
+QZ_MOM_EXPORT int32_t qz_mom_client_set_conn_cb(void *global, qz_mom_conn_cb cb, void *user_data) {
+    Client *c = Client::from(global);
+    if (c == nullptr)
+        return QZ_MOM_E_ARG;
+    c->set_conn_cb(cb, user_data);
+    return 0;
 }
 
 QZ_MOM_EXPORT void qz_mom_client_destroy(void *global) {
@@ -237,6 +313,27 @@ QZ_MOM_EXPORT int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMess
             writes[i] = FieldWrite{names[i], values[i], !present};
         }
         return c->store().write(db, key, writes.data(), writes.size());
+    });
+}
+
+QZ_MOM_EXPORT int32_t qz_mom_write_batch(void *global, int32_t db, const qz_mom_write_op_t *ops,
+                                         uint32_t count, uint32_t *failed) {
+    if (failed != nullptr)
+        *failed = count;
+    Client *c = Client::from(global);
+    if (c == nullptr || db < 0 || (ops == nullptr && count != 0))
+        return QZ_MOM_E_ARG;
+    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+        std::vector<RecordWrite> records(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            int32_t rc = encode_op(ops[i], &records[i]);
+            if (rc != 0) {
+                if (failed != nullptr)
+                    *failed = i;
+                return rc;
+            }
+        }
+        return c->store().write_batch(db, records);
     });
 }
 

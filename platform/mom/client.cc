@@ -37,23 +37,22 @@ Value value_of(const Record *rec, std::string_view name) {
 
 }  // namespace
 
-Client *Client::create(const char *uri) {
+Client *Client::create(const char *uri, std::string *why, int32_t *code) {
     const char *u = uri;
     if (u == nullptr)
         u = getenv("QZ_MOM_URI");
     if (u == nullptr || *u == '\0')
         u = "mem:";
     std::unique_ptr<Client> c(new Client);
-    std::string why;
-    c->store_ = open_store(u, c.get(), &why);
-    if (c->store_ == nullptr) {
-        report("cannot create a client for \"%s\": %s", u, why.c_str());
+    c->uri_ = u;
+    c->store_ = open_store(u, c.get(), why, code);
+    if (c->store_ == nullptr)
         return nullptr;
-    }
     if (c->store_->serves()) {
         c->wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (c->wake_fd_ < 0) {
-            report("cannot create a client for \"%s\": eventfd failed", u);
+            *why = "eventfd failed";
+            *code = QZ_MOM_E_NOMEM;
             return nullptr;
         }
     }
@@ -143,18 +142,58 @@ void Client::on_change(ChangePtr change) {
     }
 }
 
-void Client::on_connection_lost() {
+void Client::on_connection_lost(const std::string &why) {
+    {
+        std::lock_guard<std::mutex> lk(cbs_mu_);
+        if (conn_cb_ == nullptr) {
+            report(
+                "connection to %s lost (%s); reconnecting, calls fail with QZ_MOM_E_CONN "
+                "meanwhile",
+                uri_.c_str(), why.c_str());
+        }
+    }
     // A subscription made after this point was made on the new connection.
     uint64_t below = 0;
     {
         std::lock_guard<std::mutex> lk(subs_mu_);
         below = next_sub_;
     }
-    post(Item{nullptr, [this, below] { drop_subs(below); }});
+    post(Item{nullptr, [this, below, why] {
+                  drop_subs(below);
+                  tell_conn(0, why);
+              }});
 }
 
 void Client::on_reconnected() {
-    post(Item{nullptr, [this] { run_reconnect_cbs(); }});
+    {
+        std::lock_guard<std::mutex> lk(cbs_mu_);
+        if (conn_cb_ == nullptr)
+            report("connection to %s is back", uri_.c_str());
+    }
+    post(Item{nullptr, [this] {
+                  tell_conn(1, "");
+                  run_reconnect_cbs();
+              }});
+}
+
+bool Client::tell_conn(int32_t up, const std::string &why) {
+    qz_mom_conn_cb cb = nullptr;
+    void *user = nullptr;
+    {
+        std::lock_guard<std::mutex> lk(cbs_mu_);
+        cb = conn_cb_;
+        user = conn_user_;
+    }
+    if (cb == nullptr)
+        return false;
+    cb(this, up, why.c_str(), user);
+    return true;
+}
+
+void Client::set_conn_cb(qz_mom_conn_cb cb, void *user) {
+    std::lock_guard<std::mutex> lk(cbs_mu_);
+    conn_cb_ = cb;
+    conn_user_ = user;
 }
 
 qz_mom_hash_res_t *Client::read(int32_t db, const ProtobufCMessage *key) {
@@ -510,8 +549,11 @@ int32_t Client::add_reconnect_cb(int32_t db, qz_mom_reconnect_cb cb, void *user)
 }
 
 int32_t Client::simulate_reconnect() {
+    static const std::string kWhy = "simulated";
     if (on_delivery_thread()) {
         drop_subs(UINT64_MAX);
+        tell_conn(0, kWhy);
+        tell_conn(1, "");
         run_reconnect_cbs();
         return 0;
     }
@@ -520,6 +562,8 @@ int32_t Client::simulate_reconnect() {
     post(Item{nullptr, [this, done] {
                   try {
                       drop_subs(UINT64_MAX);
+                      tell_conn(0, kWhy);
+                      tell_conn(1, "");
                       run_reconnect_cbs();
                   } catch (...) {
                       done->set_value();

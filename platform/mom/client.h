@@ -50,6 +50,7 @@
 #include "codec.h"
 #include "faults.h"
 #include "qz_mom.h"
+#include "qz_mom_client.h"
 #include "store.h"
 
 namespace qzmom {
@@ -91,8 +92,9 @@ using SubPtr = std::shared_ptr<Sub>;
 class Client final : public StoreListener {
   public:
     // Creates a handle for uri (NULL: $QZ_MOM_URI, else "mem:") and starts its
-    // delivery thread. Null, with one stderr line, on failure.
-    static Client *create(const char *uri);
+    // delivery thread. Null on failure, with *why and *code as open_store
+    // sets them.
+    static Client *create(const char *uri, std::string *why, int32_t *code);
 
     // The handle behind `global`, or null when it is not a live handle.
     static Client *from(void *global) {
@@ -120,8 +122,13 @@ class Client final : public StoreListener {
                             const int32_t *fields, qz_mom_record_cb *cbs, void **args);
     int32_t add_reconnect_cb(int32_t db, qz_mom_reconnect_cb cb, void *user);
 
-    // Drops every subscription, then runs the reconnect callbacks on the
-    // delivery thread; returns once they have returned.
+    // The connection-state callback (null: none; the client then reports
+    // a lost connection and its return on stderr itself).
+    void set_conn_cb(qz_mom_conn_cb cb, void *user);
+
+    // Drops every subscription, then runs the connection-state callback and
+    // the reconnect callbacks on the delivery thread; returns once they have
+    // returned.
     int32_t simulate_reconnect();
 
     // Returns once everything queued so far has been handled (at once on the
@@ -136,7 +143,7 @@ class Client final : public StoreListener {
 
     // StoreListener.
     void on_change(ChangePtr change) override;
-    void on_connection_lost() override;
+    void on_connection_lost(const std::string &why) override;
     void on_reconnected() override;
 
   private:
@@ -166,12 +173,15 @@ class Client final : public StoreListener {
                         const std::vector<bool> &hit, bool *reported);
     void drop_subs(uint64_t below);
     void run_reconnect_cbs();
+    // Tells the connection-state callback, if one is set; false when none is.
+    bool tell_conn(int32_t up, const std::string &why);
     void call(qz_mom_record_cb cb, void *arg, int32_t cmd, qz_mom_hash_res_t *res);
     // One stderr line the first time a record of this handle is decoded
     // with hash fields its type lacks; later reads and pushes say nothing.
     void note_ignored(int32_t db, std::string_view key, const DecodeError &err);
 
     uint32_t magic_ = kMagic;
+    std::string uri_;
     std::unique_ptr<Store> store_;
     FaultQueue faults_;
 
@@ -184,8 +194,10 @@ class Client final : public StoreListener {
     std::mutex ignored_mu_;                              // a leaf: taken with no other lock held
     std::set<std::pair<int32_t, std::string>> ignored_;  // (db, key) noted
 
-    std::mutex cbs_mu_;
+    std::mutex cbs_mu_;  // guards the callbacks below
     std::vector<ReconnectCb> reconnect_cbs_;
+    qz_mom_conn_cb conn_cb_ = nullptr;
+    void *conn_user_ = nullptr;
 
     std::mutex q_mu_;
     std::condition_variable q_cv_;  // wakes the delivery thread, unless:

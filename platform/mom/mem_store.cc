@@ -142,46 +142,14 @@ class MemStore final : public Store {
     int32_t write(int32_t db, std::string_view key, const FieldWrite *writes,
                   size_t count) override {
         std::lock_guard<std::mutex> lk(data_->mu);
-        Db &d = data_->dbs[db];
-        auto it = d.records.find(key);
-        auto rec = it != d.records.end() ? std::make_shared<Record>(*it->second)
-                                         : std::make_shared<Record>();
-        std::vector<int32_t> changed;
-        for (size_t i = 0; i < count; ++i) {
-            const FieldWrite &w = writes[i];
-            auto f = std::find_if(rec->begin(), rec->end(),
-                                  [&](const Field &x) { return x.name == w.name; });
-            if (w.remove) {
-                if (f == rec->end())
-                    continue;
-                rec->erase(f);
-            } else if (f == rec->end()) {
-                rec->push_back(Field{std::string(w.name), std::string(w.value)});
-            } else if (f->value != w.value) {
-                f->value.assign(w.value);
-            } else {
-                continue;
-            }
-            note_changed(changed, w.name);
-        }
-        std::sort(changed.begin(), changed.end());
-        changed.erase(std::unique(changed.begin(), changed.end()), changed.end());
-        if (rec->empty()) {  // a hash without fields does not exist
-            if (it == d.records.end())
-                return 0;
-            erase(d, it);
-            data_->notify(d, db, key, nullptr, std::move(changed));
-            return 0;
-        }
-        Snapshot snap = std::move(rec);
-        if (it == d.records.end()) {
-            std::string k(key);
-            d.keys_by_type[std::string(key_type(key))].insert(k);
-            d.records.emplace(std::move(k), snap);
-        } else {
-            it->second = snap;
-        }
-        data_->notify(d, db, key, std::move(snap), std::move(changed));
+        apply(db, key, writes, count, false);
+        return 0;
+    }
+
+    int32_t write_batch(int32_t db, const std::vector<RecordWrite> &records) override {
+        std::lock_guard<std::mutex> lk(data_->mu);
+        for (const RecordWrite &r : records)
+            apply(db, r.key, r.writes.data(), r.writes.size(), r.replace);
         return 0;
     }
 
@@ -233,6 +201,65 @@ class MemStore final : public Store {
     }
 
   private:
+    // REQUIRES: data_->mu held.
+    void apply(int32_t db, std::string_view key, const FieldWrite *writes, size_t count,
+               bool replace) {
+        Db &d = data_->dbs[db];
+        auto it = d.records.find(key);
+        auto rec = it != d.records.end() && !replace ? std::make_shared<Record>(*it->second)
+                                                     : std::make_shared<Record>();
+        std::vector<int32_t> changed;
+        if (replace && it != d.records.end()) {
+            // What the new record holds differently is noted below.
+            for (const Field &f : *it->second) {
+                const FieldWrite *w = nullptr;
+                for (size_t i = 0; i < count && w == nullptr; ++i) {
+                    if (writes[i].name == f.name && !writes[i].remove)
+                        w = &writes[i];
+                }
+                if (w == nullptr)
+                    note_changed(changed, f.name);
+                else
+                    rec->push_back(f);
+            }
+        }
+        for (size_t i = 0; i < count; ++i) {
+            const FieldWrite &w = writes[i];
+            auto f = std::find_if(rec->begin(), rec->end(),
+                                  [&](const Field &x) { return x.name == w.name; });
+            if (w.remove) {
+                if (f == rec->end())
+                    continue;
+                rec->erase(f);
+            } else if (f == rec->end()) {
+                rec->push_back(Field{std::string(w.name), std::string(w.value)});
+            } else if (f->value != w.value) {
+                f->value.assign(w.value);
+            } else {
+                continue;
+            }
+            note_changed(changed, w.name);
+        }
+        std::sort(changed.begin(), changed.end());
+        changed.erase(std::unique(changed.begin(), changed.end()), changed.end());
+        if (rec->empty()) {  // a hash without fields does not exist
+            if (it == d.records.end())
+                return;
+            erase(d, it);
+            data_->notify(d, db, key, nullptr, std::move(changed));
+            return;
+        }
+        Snapshot snap = std::move(rec);
+        if (it == d.records.end()) {
+            std::string k(key);
+            d.keys_by_type[std::string(key_type(key))].insert(k);
+            d.records.emplace(std::move(k), snap);
+        } else {
+            it->second = snap;
+        }
+        data_->notify(d, db, key, std::move(snap), std::move(changed));
+    }
+
     // REQUIRES: data_->mu held.
     static void erase(Db &d, StrMap<Snapshot>::iterator it) {
         auto t = d.keys_by_type.find(key_type(it->first));

@@ -95,16 +95,19 @@ class RedisStore final : public Store {
             ::close(wake_fd_);
     }
 
-    bool start(std::string *why) {
+    bool start(std::string *why, int32_t *code) {
         wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (wake_fd_ < 0) {
             *why = "eventfd failed";
+            *code = QZ_MOM_E_NOMEM;
             return false;
         }
         Links links;
         bool refused = false;
-        if (!open_links(&links, why, &refused))
+        if (!open_links(&links, why, &refused)) {
+            *code = refused ? QZ_MOM_E_REPLY : QZ_MOM_E_CONN;
             return false;
+        }
         install(std::move(links));
         return true;
     }
@@ -212,6 +215,57 @@ class RedisStore final : public Store {
             if (!c.exchange(&replies, why))
                 return false;
             *rc = redis::write_status(replies, sets && dels);
+            return true;
+        });
+    }
+
+    int32_t write_batch(int32_t db, const std::vector<RecordWrite> &records) override {
+        if (records.empty())
+            return 0;
+        std::vector<std::string_view> args;
+        return with_conn(cmd_mu_, cmd_, cmd_gen_, db, [&](Conn &c, int32_t *rc, std::string *why) {
+            // One transaction, sent in one write: a reader sees all of it or none.
+            c.queue({"MULTI"});
+            size_t queued = 0;
+            for (const RecordWrite &r : records) {
+                if (r.replace) {
+                    c.queue({"DEL", r.key});
+                    ++queued;
+                }
+                for (const bool remove : {false, true}) {
+                    args.assign({remove ? "HDEL" : "HSET", r.key});
+                    for (const FieldWrite &w : r.writes) {
+                        if (w.remove != remove)
+                            continue;
+                        args.push_back(w.name);
+                        if (!remove)
+                            args.push_back(w.value);
+                    }
+                    // HDEL after a DEL would only find the fields gone.
+                    if (args.size() > 2 && !(remove && r.replace)) {
+                        c.queue(args);
+                        ++queued;
+                    }
+                }
+            }
+            c.queue({"EXEC"});
+            std::vector<ReplyPtr> replies;
+            if (!c.exchange(&replies, why))
+                return false;
+            *rc = 0;
+            for (const ReplyPtr &r : replies) {
+                if (is_error(r.get()))
+                    *rc = QZ_MOM_E_REPLY;
+            }
+            const redisReply *exec = replies.back().get();
+            if (exec->type != REDIS_REPLY_ARRAY || exec->elements != queued) {
+                *rc = QZ_MOM_E_REPLY;
+                return true;
+            }
+            for (size_t i = 0; i < exec->elements; ++i) {
+                if (is_error(exec->element[i]))
+                    *rc = QZ_MOM_E_REPLY;
+            }
             return true;
         });
     }
@@ -360,10 +414,7 @@ class RedisStore final : public Store {
             const std::string why = tear_down();
             reader.unlock();
             released();
-            report(
-                "connection to %s lost (%s); reconnecting, calls fail with QZ_MOM_E_CONN meanwhile",
-                ep_.uri.c_str(), why.c_str());
-            listener_->on_connection_lost();  // takes the client's lock: no store lock held
+            listener_->on_connection_lost(why);  // takes the client's lock: no store lock held
             return;
         }
         if (phase == Phase::kDown) {
@@ -759,7 +810,6 @@ class RedisStore final : public Store {
         bool refused = false;
         if (open_links(&links, &why, &refused)) {
             install(std::move(links));
-            report("connection to %s is back", ep_.uri.c_str());
             listener_->on_reconnected();
             return;
         }
@@ -822,12 +872,14 @@ class RedisStore final : public Store {
 }  // namespace
 
 std::unique_ptr<Store> open_redis_store(std::string_view uri, StoreListener *listener,
-                                        std::string *why) {
+                                        std::string *why, int32_t *code) {
     redis::Endpoint ep;
-    if (!redis::parse_endpoint(uri, &ep, why))
+    if (!redis::parse_endpoint(uri, &ep, why)) {
+        *code = QZ_MOM_E_ARG;
         return nullptr;
+    }
     auto store = std::make_unique<RedisStore>(std::move(ep), listener);
-    if (!store->start(why))
+    if (!store->start(why, code))
         return nullptr;
     return store;
 }

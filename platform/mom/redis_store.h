@@ -7,8 +7,7 @@
 // HGETALL and the callback, on one thread. It also notices a lost
 // connection and reconnects with back-off (10 ms doubling to 1 s), reporting
 // both to the listener; meanwhile every call fails at once with
-// QZ_MOM_E_CONN. One stderr line when the connection is lost, one when it is
-// back.
+// QZ_MOM_E_CONN.
 //
 // Opening connects (1 s timeouts) and makes sure keyspace notifications for
 // hashes, generic commands, expiry and eviction are on (CONFIG GET, then
@@ -23,6 +22,7 @@
 #ifndef QZ_MOM_IMPL_REDIS_STORE_H
 #define QZ_MOM_IMPL_REDIS_STORE_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -31,9 +31,10 @@
 
 namespace qzmom {
 
-// Connects to "redis://host[:port]" or "unix:/path". Null and *why on failure.
+// Connects to "redis://host[:port]" or "unix:/path". Null, *why and *code
+// (as open_store) on failure.
 std::unique_ptr<Store> open_redis_store(std::string_view uri, StoreListener *listener,
-                                        std::string *why);
+                                        std::string *why, int32_t *code);
 
 }  // namespace qzmom
 

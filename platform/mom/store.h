@@ -15,7 +15,8 @@
 // The Redis store (redis_store.h) maps the calls as follows: get -> HGETALL;
 // scan -> SCAN MATCH "<type>|*" (glob characters escaped), then HGETALL of
 // every key in one pipeline; write -> HSET and/or HDEL (in MULTI when both);
-// remove -> DEL; watch -> SUBSCRIBE "__keyspace@<db>__:<key>" for a key
+// remove -> DEL; write_batch -> one pipelined MULTI/EXEC of DEL, HSET and
+// HDEL; watch -> SUBSCRIBE "__keyspace@<db>__:<key>" for a key
 // watch, PSUBSCRIBE "__keyspace@<db>__:<type>|*" for a whole-type watch
 // (per-key patterns cost every push on the server; see design.md). A
 // keyspace event becomes one HGETALL and one Change with changed_known =
@@ -66,6 +67,18 @@ struct FieldWrite {
     bool remove = false;
 };
 
+// The writes of one record in a batch. `replace` empties the record first,
+// so that it ends up holding exactly what `writes` stores (no writes: the
+// record is deleted).
+struct RecordWrite {
+    std::string key;
+    std::vector<FieldWrite> writes;
+    bool replace = false;
+    // Storage the writes may point into: a RecordWrite is filled in place
+    // and not moved afterwards.
+    std::vector<std::string> names, values;
+};
+
 // A record with its key, as a scan returns it.
 struct Entry {
     std::string key;
@@ -83,10 +96,11 @@ class StoreListener {
     // store from here.
     virtual void on_change(ChangePtr change) = 0;
 
-    // The connection is lost: every watch is gone, calls fail with
-    // QZ_MOM_E_CONN until on_reconnected. Called with no store lock held and
-    // no watch() waiting (the listener takes its own subscription lock).
-    virtual void on_connection_lost() = 0;
+    // The connection is lost (`why` says how): every watch is gone, calls
+    // fail with QZ_MOM_E_CONN until on_reconnected. Called with no store lock
+    // held and no watch() waiting (the listener takes its own subscription
+    // lock).
+    virtual void on_connection_lost(const std::string &why) = 0;
 
     // The connection is back (after on_connection_lost). Watches are not
     // restored: the client's reconnect callbacks renew what they need.
@@ -125,6 +139,10 @@ class Store {
     virtual int32_t write(int32_t db, std::string_view key, const FieldWrite *writes,
                           size_t count) = 0;
 
+    // Applies the writes of every record in one step (no reader sees some of
+    // them without the others) and notifies watches of each record.
+    virtual int32_t write_batch(int32_t db, const std::vector<RecordWrite> &records) = 0;
+
     // Deletes the record (0 also when none was stored) and notifies watches.
     virtual int32_t remove(int32_t db, std::string_view key) = 0;
 
@@ -150,8 +168,11 @@ class Store {
 };
 
 // Opens a connection for the URI ("mem:", "mem:NAME", "redis://host:port",
-// "unix:/path"). On failure returns null and sets *why.
-std::unique_ptr<Store> open_store(std::string_view uri, StoreListener *listener, std::string *why);
+// "unix:/path"). On failure returns null and sets *why and *code:
+// QZ_MOM_E_ARG for a malformed URI, QZ_MOM_E_CONN when the store does not
+// answer, QZ_MOM_E_REPLY when it answers but refuses the client.
+std::unique_ptr<Store> open_store(std::string_view uri, StoreListener *listener, std::string *why,
+                                  int32_t *code);
 
 }  // namespace qzmom
 

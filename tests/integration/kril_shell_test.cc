@@ -68,6 +68,11 @@ int32_t hello_cmd(void) {
     printf("no newline");  // still in stdio's buffer when the handler returns
     return 7;
 }
+int32_t fail_cmd(void) {
+    ++g_runs;
+    puts("failing");
+    return -4;
+}
 int32_t slow_cmd(void) {
     ++g_runs;
     for (int i = 0; i < 500 && !g_release; ++i)
@@ -101,6 +106,7 @@ class Server {
             reg("hello", "void", hello_cmd);
             reg("slow", "void", slow_cmd);
             reg("grab", "void", grab_cmd);
+            reg("fail", "void", fail_cmd);
             fd_ = kril_fd();
             ready.set_value();
             while (!stop_) {
@@ -565,6 +571,61 @@ TEST_F(KrilShell, KrilshPrintsOutputAndResult) {
     r = sh("KRIL_RUN_DIR=" + loose_dir("loose") + " " + krilsh + "-p " + pid + " list");
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("has mode 0755"), std::string::npos) << r.err;
+}
+
+TEST_F(KrilShell, KrilshLongOptionsHelpAndCheckedResults) {
+    const std::string krilsh = std::string(KRILSH_COMMAND) + " ", pid = std::to_string(getpid());
+    Ran r = sh(krilsh + "--help");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("Usage: krilsh [OPTIONS] MODULE COMMAND [ARG...]\n"), std::string::npos)
+        << r.out;
+    for (const char *opt : {"--pid PID", "--module MODULE", "--timeout SECONDS", "--check"})
+        EXPECT_NE(r.out.find(opt), std::string::npos) << opt;
+
+    r = sh(krilsh + "--pid " + pid + " --timeout 5 kt hello");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "hello world\nno newline\nrv 7\n");
+    r = sh(krilsh + "--module kt echo url=x");
+    EXPECT_EQ(r.out, "url x\nrv 1\n") << r.err;
+
+    // A negative result is still a command that ran, unless the caller asks.
+    r = sh(krilsh + "-p " + pid + " kt fail");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "failing\nrv -4\n");
+    EXPECT_EQ(r.err, "");
+    for (const std::string &how :
+         {"--check -p " + pid + " kt fail", std::string("-c -m kt fail")}) {
+        r = sh(krilsh + how);
+        EXPECT_EQ(r.status, 3) << how;
+        EXPECT_EQ(r.out, "failing\nrv -4\n") << how;
+        EXPECT_EQ(r.err, "krilsh: kt fail returned -4\n") << how;
+    }
+    EXPECT_EQ(sh(krilsh + "--check kt set -1").status, 0) << "set returns nothing";
+    EXPECT_EQ(sh(krilsh + "--check -p " + pid + " list").status, 0);
+
+    // Bad options run nothing; out-of-range pids are refused, never cut.
+    const int runs = g_runs;
+    const std::pair<std::string, std::string> bad[] = {
+        {"-p 4294967297 kt hello", "krilsh: -p wants a pid, not '4294967297'\n"},
+        {"--pid 99999999999999999999 kt hello",
+         "krilsh: -p wants a pid, not '99999999999999999999'\n"},
+        {"-p -1 kt hello", "krilsh: -p wants a pid, not '-1'\n"},
+        {"-p 0 kt hello", "krilsh: -p wants a pid, not '0'\n"},
+        {"-p 12x kt hello", "krilsh: -p wants a pid, not '12x'\n"},
+        {"-t 86401 kt hello", "krilsh: -t wants seconds, not '86401'\n"},
+        {"--timeout abc kt hello", "krilsh: -t wants seconds, not 'abc'\n"},
+        {"--bogus kt hello", "krilsh: unknown option '--bogus' (see krilsh --help)\n"},
+        {"-p " + pid + " -m kt hello",
+         "krilsh: --pid and --module name the process twice (see krilsh --help)\n"},
+        {"", "krilsh: no request (see krilsh --help)\n"},
+    };
+    for (const auto &[args, err] : bad) {
+        r = sh(krilsh + args);
+        EXPECT_EQ(r.status, 2) << args;
+        EXPECT_EQ(r.out, "") << args;
+        EXPECT_EQ(r.err, err) << args;
+    }
+    EXPECT_EQ(g_runs, runs);
 }
 
 TEST_F(KrilShell, FindsTheRightProcessAndTidiesSockets) {
