@@ -4,16 +4,6 @@
 
 namespace momtest {
 
-void RedisServer::pause() {
-    if (pid_ > 0)
-        ::kill(pid_, SIGSTOP);
-}
-
-void RedisServer::resume() {
-    if (pid_ > 0)
-        ::kill(pid_, SIGCONT);
-}
-
 RedisPtr RedisServer::client(int db) const {
     RedisPtr c(redisConnectUnix(socket().c_str()));
     if (c == nullptr || c->err != 0) {
