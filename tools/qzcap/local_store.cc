@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -44,11 +45,16 @@ std::string find_redis_server() {
 
 // One command on the socket, with a short timeout; null when nothing answers.
 std::unique_ptr<redisReply, RedisFree> ask(const std::string &socket, const char *command) {
-    const timeval tv{0, 500000};
-    std::unique_ptr<redisContext, RedisFree> c(redisConnectUnixWithTimeout(socket.c_str(), tv));
+    // The timeout is set on the socket here, not handed to hiredis: a 32-bit
+    // target's hiredis may take a 32-bit timeval where this build has a
+    // 64-bit one. A Unix socket connects at once or fails.
+    std::unique_ptr<redisContext, RedisFree> c(redisConnectUnix(socket.c_str()));
     if (c == nullptr || c->err != 0)
         return nullptr;
-    redisSetTimeout(c.get(), tv);
+    const timeval tv{0, 500000};
+    if (setsockopt(c->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0 ||
+        setsockopt(c->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0)
+        return nullptr;
     return std::unique_ptr<redisReply, RedisFree>(
         static_cast<redisReply *>(redisCommand(c.get(), command)));
 }
