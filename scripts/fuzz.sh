@@ -15,10 +15,10 @@ if ! [[ "$seconds" =~ ^[1-9][0-9]*$ ]]; then
 fi
 "$root/scripts/install-deps.sh" clang libclang-rt-dev
 cd "$root"
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz -j"$(nproc)"
-
 targets=${FUZZ_TARGETS:-$(cd tests/fuzz && ls fuzz_*.cc | sed 's/\.cc$//')}
+cmake --preset fuzz >/dev/null
+# Only the targets and what they link: the tools are not fuzzed.
+cmake --build --preset fuzz -j"$(nproc)" --target $targets
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/qzcap-fuzz.XXXXXX")
 [ -n "${FUZZ_KEEP:-}" ] || trap 'rm -rf "$scratch"' EXIT
 
