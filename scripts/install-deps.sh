@@ -15,7 +15,7 @@ packages=(
   redis-server                       # the Redis store's tests, qzcap store up
   libgtest-dev libgmock-dev          # tests
   g++-multilib                       # the 32-bit layout check
-  clang-format                       # the format check
+  clang-format clang-tidy            # the format check, scripts/tidy.sh
 )
 
 target=""
