@@ -9,6 +9,16 @@ macro(qzcap_missing what debian_package)
     "(scripts/install-deps.sh installs every package the build needs)")
 endmacro()
 
+# The presets compile through ccache.
+foreach(lang C CXX)
+  if(CMAKE_${lang}_COMPILER_LAUNCHER STREQUAL "ccache")
+    find_program(QZCAP_CCACHE ccache)
+    if(NOT QZCAP_CCACHE)
+      qzcap_missing("ccache (the presets' compiler launcher)" ccache)
+    endif()
+  endif()
+endforeach()
+
 find_package(PkgConfig)
 if(NOT PKG_CONFIG_FOUND)
   qzcap_missing("pkg-config" pkg-config)

@@ -8,7 +8,7 @@
 set -euo pipefail
 
 packages=(
-  cmake g++ make pkg-config          # build
+  cmake g++ make pkg-config ccache   # build
   protobuf-c-compiler libprotobuf-c-dev
   libhiredis-dev
   libcli11-dev nlohmann-json3-dev    # the qzcap tool
