@@ -5,9 +5,9 @@
 # count per file; exits 1 when there is any finding, 2 for a usage error.
 # Usage: scripts/tidy.sh [--all | FILE...]
 #   (default)  what ships and what the suites share: src/, platform/, tools/,
-#              examples/, tests/support/ (about 3 minutes on 2 cores)
+#              examples/, tests/support/ (about 4 minutes on 2 idle cores)
 #   --all      every source of the build, the test suites and benchmarks too
-#              (their gtest-heavy sources take about 15 minutes more)
+#              (their gtest-heavy sources take about 7 minutes more)
 #   TIDY_JOBS=N    clang-tidy processes at once (default 2)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
