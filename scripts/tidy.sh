@@ -5,7 +5,7 @@
 # count per file; exits 1 when there is any finding, 2 for a usage error.
 # Usage: scripts/tidy.sh [--all | FILE...]
 #   (default)  what ships and what the suites share: src/, platform/, tools/,
-#              examples/, tests/support/ (about 4 minutes on 2 idle cores)
+#              examples/, tests/support/ (about 6 minutes on 2 idle cores)
 #   --all      every source of the build, the test suites and benchmarks too
 #              (their gtest-heavy sources take about 7 minutes more)
 #   TIDY_JOBS=N    clang-tidy processes at once (default 2)
