@@ -9,12 +9,20 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <string>
+#include <vector>
+
 #include "common/c_barrier.h"
-#include "common/parse_int.h"
-#include "internal.h"
+#include "common/unique_fd.h"
+#include "c_buffer.h"
+#include "protocol.h"
+#include "kril_shell.h"
+#include "run_dir.h"
 
 namespace kril {
 namespace {
+
+using qzplat::UniqueFd;
 
 constexpr int32_t kDefaultTimeoutMs = 10000;
 
@@ -126,31 +134,32 @@ int32_t run(pid_t pid, const char *request, int timeout_ms, FILE *out, int32_t *
             *why = who + " closed the connection before answering completely";
             return rv;
         }
-        int32_t n;
-        if (line == "run") {
-            started = true;
-        } else if (line.rfind("err ", 0) == 0) {
-            size_t sp = line.find(' ', 4);
-            if (sp == std::string::npos || !qzplat::parse_int(line.substr(4, sp - 4), &n) || n >= 0)
+        const AnswerLine a = parse_answer_line(line);
+        switch (a.kind) {
+            case AnswerLine::kRun:
+                started = true;
                 break;
-            *why = line.substr(sp + 1);
-            return n;
-        } else if (line.rfind("out ", 0) == 0 && qzplat::parse_int(line.substr(4), &n) && n >= 0) {
-            if (rd.bytes(static_cast<size_t>(n), out) != 0) {
-                *why = who + " stopped sending the command's output";
-                return KRIL_E_IO;
-            }
-        } else if (line.rfind("rv ", 0) == 0 && qzplat::parse_int(line.substr(3), &n)) {
-            if (handler_rv != nullptr)
-                *handler_rv = n;
-            return 0;
-        } else {
-            *why = "unexpected answer from " + who + ": '" + line + "'";
-            return KRIL_E_PROTO;
+            case AnswerLine::kError:
+                *why = a.text;
+                return a.value;
+            case AnswerLine::kOutput:
+                if (rd.bytes(static_cast<size_t>(a.value), out) != 0) {
+                    *why = who + " stopped sending the command's output";
+                    return KRIL_E_IO;
+                }
+                break;
+            case AnswerLine::kResult:
+                if (handler_rv != nullptr)
+                    *handler_rv = a.value;
+                return 0;
+            case AnswerLine::kBadError:
+                *why = "malformed error line from " + who;
+                return KRIL_E_PROTO;
+            case AnswerLine::kUnexpected:
+                *why = "unexpected answer from " + who + ": '" + line + "'";
+                return KRIL_E_PROTO;
         }
     }
-    *why = "malformed error line from " + who;
-    return KRIL_E_PROTO;
 }
 
 bool serves(pid_t pid, const std::string &module) {

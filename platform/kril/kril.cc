@@ -10,7 +10,8 @@
 
 #include "common/c_barrier.h"
 #include "common/parse_int.h"
-#include "internal.h"
+#include "listener.h"
+#include "registry.h"
 #include "kril.h"
 #include "kril_shell.h"
 
@@ -83,7 +84,7 @@ extern "C" int32_t kril_multi_thread_init(void *global, const char *module, void
         return KRIL_E_ARG;
     return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         const auto self = std::this_thread::get_id();
-        if (int32_t rv = kril::server_attach(self); rv != 0)
+        if (int32_t rv = kril::Listener::instance().attach(self); rv != 0)
             return rv;
         std::lock_guard<std::mutex> lock(g_mutex);
         // A module registered again starts over with an empty command table,
@@ -244,11 +245,6 @@ std::string listing() {
             out += "    " + c.name + " " + c.argfmt + "\n";
     }
     return out;
-}
-
-void copy_out(const std::string &text, char *buf, size_t len) {
-    if (buf != nullptr && len > 0)
-        snprintf(buf, len, "%s", text.c_str());
 }
 
 }  // namespace kril

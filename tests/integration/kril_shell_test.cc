@@ -390,6 +390,38 @@ TEST_F(KrilShell, RequesterThatLeavesCostsNothing) {
     expect_fds_back();
 }
 
+// The listener polls the connections of queued requests for hang-ups; the
+// serving thread that answers one must still end it at once, not when the
+// listener's poll next returns.
+TEST_F(KrilShell, AnswerEndsAtOnceWhileTheListenerStillPollsItsConnection) {
+    for (int round = 0; round < 2; ++round) {
+        server_.pause();
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr = socket_addr();
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        ASSERT_EQ(write(fd, "kt set 4\n", 9), 9);
+        ASSERT_TRUE(readable(server_.fd(), 5000)) << "the request was never queued";
+        std::this_thread::sleep_for(50ms);  // the listener is back in its poll
+        server_.resume();
+
+        std::string answer;
+        char buf[256];
+        while (!answer.ends_with("rv 0\n") && readable(fd, 5000)) {
+            ssize_t n = read(fd, buf, sizeof buf);
+            if (n <= 0)
+                break;
+            answer.append(buf, static_cast<size_t>(n));
+        }
+        EXPECT_EQ(answer, "run\nout 6\nset 4\nrv 0\n");
+        const auto answered = std::chrono::steady_clock::now();
+        ASSERT_TRUE(readable(fd, 5000));
+        EXPECT_EQ(read(fd, buf, sizeof buf), 0) << "more than the answer";
+        EXPECT_LT(std::chrono::steady_clock::now() - answered, 500ms)
+            << "the end of the answer waited for the listener's poll round";
+        close(fd);
+    }
+}
+
 TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
     auto identity = [] {
         std::vector<std::pair<dev_t, ino_t>> ids;

@@ -1,16 +1,20 @@
 // Where the sockets live, and whether that place is safe: a directory only
 // its user may enter, so that the socket's own mode is not the only guard.
+#include "run_dir.h"
+
 #include <dirent.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "common/c_barrier.h"
 #include "common/parse_int.h"
-#include "internal.h"
+#include "c_buffer.h"
+#include "kril_shell.h"
 
 namespace kril {
 
@@ -73,19 +77,6 @@ std::vector<pid_t> socket_pids(const std::string &dir) {
     }
     closedir(d);
     return pids;
-}
-
-bool send_all(int fd, const std::string &data, int flags) {
-    size_t off = 0;
-    while (off < data.size()) {
-        ssize_t n = send(fd, data.data() + off, data.size() - off, flags | MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        off += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 }  // namespace kril
