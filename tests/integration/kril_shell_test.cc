@@ -26,6 +26,7 @@
 
 #include "kril.h"
 #include "kril_shell.h"
+#include "shell_client.h"
 
 namespace {
 
@@ -138,23 +139,10 @@ class Server {
     std::thread thread_;
 };
 
-struct Reply {
-    int32_t code, rv;
-    std::string out, err;
-};
+using Reply = qztest::ShellAnswer;
 
 Reply ask(const std::string &request, int32_t timeout_ms = 5000, pid_t pid = getpid()) {
-    char *text = nullptr;
-    size_t len = 0;
-    FILE *mem = open_memstream(&text, &len);
-    Reply r{0, -1, "", ""};
-    char err[512] = "";
-    r.code = kril_client_run(pid, request.c_str(), timeout_ms, mem, &r.rv, err, sizeof err);
-    fclose(mem);
-    r.out.assign(text, len);
-    free(text);
-    r.err = err;
-    return r;
+    return qztest::shell_request(request, timeout_ms, pid);
 }
 
 bool readable(int fd, int timeout_ms) {
@@ -423,19 +411,10 @@ TEST_F(KrilShell, AnswerEndsAtOnceWhileTheListenerStillPollsItsConnection) {
 }
 
 TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
-    auto identity = [] {
-        std::vector<std::pair<dev_t, ino_t>> ids;
-        for (int fd = 0; fd <= 2; ++fd) {
-            struct stat st {};
-            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
-            ids.emplace_back(st.st_dev, st.st_ino);
-        }
-        return ids;
-    };
-    const auto before = identity();
+    const auto before = qztest::std_stream_identity();
     Reply r = ask("kt grab");
     ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(identity(), before);
+    EXPECT_EQ(qztest::std_stream_identity(), before);
     // The capture itself still works for the next command.
     r = ask("kt set 21");
     ASSERT_EQ(r.code, 0) << r.err;
