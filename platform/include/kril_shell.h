@@ -67,13 +67,20 @@ enum {
 
 #define KRIL_MAX_LINE 1024
 
-/* Number of registered modules, and of commands of one module (-1: none). */
+/*
+ * Unless said otherwise, every call below is thread-safe, copies what it is
+ * given, and hands out nothing the caller must free.
+ */
+
+/* Number of registered modules, and of commands of module (-1: module is NULL or unknown). */
 uint32_t kril_module_count(void);
 int32_t kril_command_count(const char *module);
 
 /*
  * Copies the i-th command (registration order) of module: its name and
- * argument format. Returns 0, or a KRIL_E_ code.
+ * argument format, each cut to fit its buffer and terminated (a NULL buffer
+ * or a zero length is skipped), and its handler when handler is not NULL.
+ * Returns 0, KRIL_E_ARG (module NULL), KRIL_E_NO_MODULE or KRIL_E_NO_COMMAND.
  */
 int32_t kril_command_at(const char *module, uint32_t i, char *cmd, size_t cmd_len, char *argfmt,
                         size_t argfmt_len, void (**handler)(void));
@@ -81,19 +88,24 @@ int32_t kril_command_at(const char *module, uint32_t i, char *cmd, size_t cmd_le
 /*
  * Parses `arg` by the command's format ("%d": a decimal integer; "url=%s":
  * "url=" followed by the text; "void": nothing) and calls the handler on the
- * calling thread. *handler_rv receives its result (0 for handlers that return
- * nothing). Returns 0 when the handler ran, else a KRIL_E_ code.
+ * calling thread, without any lock of the shell held (it may register or
+ * call again). *handler_rv, when not NULL, receives its result (0 for
+ * handlers that return nothing). Returns 0 when the handler ran, else
+ * KRIL_E_ARG (module or cmd NULL), KRIL_E_NO_MODULE, KRIL_E_NO_COMMAND,
+ * KRIL_E_BAD_ARG or KRIL_E_NOMEM, and nothing ran.
  */
 int32_t kril_call(const char *module, const char *cmd, const char *arg, int32_t *handler_rv);
 
-/* Buffer size last set with kril_lib_set_mem (0 before). */
+/* Buffer size last set with kril_lib_set_mem (0 before any). */
 uint32_t kril_mem_size(void);
 
 /*
  * Runs the requests waiting for modules that the calling thread registered,
  * first waiting up to timeout_ms (-1: without limit) for one to arrive.
- * Returns how many handlers ran, or KRIL_E_NO_MODULE when the thread
- * registered none.
+ * timeout_ms 0 does not wait. Each requester gets its answer and the end of
+ * the connection as soon as its handler returns.
+ * Returns how many handlers ran, KRIL_E_NO_MODULE when the thread
+ * registered none, or KRIL_E_NOMEM.
  */
 int32_t kril_poll(int32_t timeout_ms);
 
@@ -104,29 +116,40 @@ int32_t kril_poll(int32_t timeout_ms);
  */
 int32_t kril_fd(void);
 
-/* Path of this process's socket; KRIL_E_NO_SOCKET when it has none. */
+/*
+ * Copies the path of this process's socket into path (cut to len and
+ * terminated). Returns 0, or KRIL_E_NO_SOCKET when the process has none
+ * (nothing registered yet, the run directory refused, or a forked child of
+ * the process that listens).
+ */
 int32_t kril_socket_path(char *path, size_t len);
 
 /*
  * Checks that dir is a directory of the effective user that nobody else may
  * use, creating it with mode 0700 first when create is non-zero and it does
- * not exist. Returns 0, or KRIL_E_RUN_DIR with the reason in why.
+ * not exist. Returns 0 (why set to ""), KRIL_E_ARG (dir NULL), or
+ * KRIL_E_RUN_DIR with the reason in why (cut to why_len and terminated;
+ * why may be NULL).
  */
 int32_t kril_check_run_dir(const char *dir, int32_t create, char *why, size_t why_len);
 
 /*
  * Sends one request line (without its newline) to process pid and waits at
  * most timeout_ms (<= 0: 10 s) for each step of the answer. The command's
- * output is written to out. Returns 0 when the handler ran, its result in
- * *handler_rv; else a KRIL_E_ code with the reason in err.
+ * output is written to out (NULL: dropped); out stays the caller's. Returns 0
+ * when the handler ran, its result in *handler_rv (when not NULL), err set
+ * to ""; else a KRIL_E_ code with the reason in err (cut to err_len and
+ * terminated; err may be NULL). Blocks the calling thread only.
  */
 int32_t kril_client_run(int32_t pid, const char *request, int32_t timeout_ms, FILE *out,
                         int32_t *handler_rv, char *err, size_t err_len);
 
 /*
  * Finds the one live process of this user that serves module (NULL: that
- * serves a debug shell at all). Returns 0 with *pid set, else
- * KRIL_E_NO_SOCKET or KRIL_E_AMBIGUOUS with the reason in err.
+ * serves a debug shell at all), asking each candidate with "list". Returns
+ * 0 with *pid set, KRIL_E_ARG when pid is NULL, else KRIL_E_RUN_DIR,
+ * KRIL_E_NO_SOCKET or KRIL_E_AMBIGUOUS with the reason in err (as for
+ * kril_client_run).
  */
 int32_t kril_client_find(const char *module, int32_t *pid, char *err, size_t err_len);
 

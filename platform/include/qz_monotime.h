@@ -13,7 +13,12 @@ typedef struct qz_monotime {
     uint32_t nsec;
 } qz_monotime_t;
 
-/* Returns 0 and fills *out, or -1 with *out untouched. */
+/*
+ * Reads the monotonic clock (time since an unspecified start, never set back,
+ * not counting suspend): returns 0 and fills *out, or -1 with *out untouched
+ * when out is NULL or the clock cannot be read. sec wraps after 2^32 s.
+ * Thread-safe; allocates nothing.
+ */
 int qz_monotime(qz_monotime_t *out);
 
 #ifdef __cplusplus

@@ -9,10 +9,20 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include <string>
+#include <vector>
+
+#include "common/c_barrier.h"
+#include "common/unique_fd.h"
+#include "c_buffer.h"
+#include "protocol.h"
+#include "kril_shell.h"
+#include "run_dir.h"
 
 namespace kril {
 namespace {
+
+using qzplat::UniqueFd;
 
 constexpr int32_t kDefaultTimeoutMs = 10000;
 
@@ -67,17 +77,7 @@ class Reader {
     std::string buf_;
 };
 
-bool parse_i32(const std::string &text, int32_t *out) {
-    char *end = nullptr;
-    errno = 0;
-    long v = strtol(text.c_str(), &end, 10);
-    if (end == text.c_str() || *end != '\0' || errno != 0 || v < INT32_MIN || v > INT32_MAX)
-        return false;
-    *out = static_cast<int32_t>(v);
-    return true;
-}
-
-int32_t connect_to(pid_t pid, Fd *fd, std::string *why) {
+int32_t connect_to(pid_t pid, UniqueFd *fd, std::string *why) {
     const std::string dir = run_dir();
     if (int32_t rv = check_run_dir(dir, false, why); rv != 0)
         return rv;
@@ -110,7 +110,7 @@ int32_t run(pid_t pid, const char *request, int timeout_ms, FILE *out, int32_t *
         *why = "no such pid " + std::to_string(pid);
         return KRIL_E_ARG;
     }
-    Fd fd;
+    UniqueFd fd;
     if (int32_t rv = connect_to(pid, &fd, why); rv != 0)
         return rv;
     // A refused request may be answered before it is all sent: read the answer anyway.
@@ -134,31 +134,32 @@ int32_t run(pid_t pid, const char *request, int timeout_ms, FILE *out, int32_t *
             *why = who + " closed the connection before answering completely";
             return rv;
         }
-        int32_t n;
-        if (line == "run") {
-            started = true;
-        } else if (line.rfind("err ", 0) == 0) {
-            size_t sp = line.find(' ', 4);
-            if (sp == std::string::npos || !parse_i32(line.substr(4, sp - 4), &n) || n >= 0)
+        const AnswerLine a = parse_answer_line(line);
+        switch (a.kind) {
+            case AnswerLine::kRun:
+                started = true;
                 break;
-            *why = line.substr(sp + 1);
-            return n;
-        } else if (line.rfind("out ", 0) == 0 && parse_i32(line.substr(4), &n) && n >= 0) {
-            if (rd.bytes(static_cast<size_t>(n), out) != 0) {
-                *why = who + " stopped sending the command's output";
-                return KRIL_E_IO;
-            }
-        } else if (line.rfind("rv ", 0) == 0 && parse_i32(line.substr(3), &n)) {
-            if (handler_rv != nullptr)
-                *handler_rv = n;
-            return 0;
-        } else {
-            *why = "unexpected answer from " + who + ": '" + line + "'";
-            return KRIL_E_PROTO;
+            case AnswerLine::kError:
+                *why = a.text;
+                return a.value;
+            case AnswerLine::kOutput:
+                if (rd.bytes(static_cast<size_t>(a.value), out) != 0) {
+                    *why = who + " stopped sending the command's output";
+                    return KRIL_E_IO;
+                }
+                break;
+            case AnswerLine::kResult:
+                if (handler_rv != nullptr)
+                    *handler_rv = a.value;
+                return 0;
+            case AnswerLine::kBadError:
+                *why = "malformed error line from " + who;
+                return KRIL_E_PROTO;
+            case AnswerLine::kUnexpected:
+                *why = "unexpected answer from " + who + ": '" + line + "'";
+                return KRIL_E_PROTO;
         }
     }
-    *why = "malformed error line from " + who;
-    return KRIL_E_PROTO;
 }
 
 bool serves(pid_t pid, const std::string &module) {
@@ -181,7 +182,7 @@ int32_t find(const char *module, pid_t *pid, std::string *why) {
         return rv;
     std::vector<pid_t> found;
     for (pid_t p : socket_pids(dir)) {
-        Fd probe;
+        UniqueFd probe;
         std::string ignored;
         if (kill(p, 0) != 0 || connect_to(p, &probe, &ignored) != 0)
             continue;  // a dead process's socket
@@ -213,7 +214,7 @@ int32_t find(const char *module, pid_t *pid, std::string *why) {
 extern "C" int32_t kril_client_run(int32_t pid, const char *request, int32_t timeout_ms, FILE *out,
                                    int32_t *handler_rv, char *err, size_t err_len) {
     std::string why;
-    int32_t rv = kril::guarded([&]() -> int32_t {
+    int32_t rv = qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         return kril::run(pid, request, timeout_ms > 0 ? timeout_ms : kril::kDefaultTimeoutMs, out,
                          handler_rv, &why);
     });
@@ -225,7 +226,7 @@ extern "C" int32_t kril_client_find(const char *module, int32_t *pid, char *err,
     if (pid == nullptr)
         return KRIL_E_ARG;
     std::string why;
-    int32_t rv = kril::guarded([&]() -> int32_t {
+    int32_t rv = qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         pid_t found = 0;
         int32_t r = kril::find(module, &found, &why);
         *pid = found;

@@ -15,9 +15,11 @@
 #include <cstring>
 #include <string>
 
-#include "internal.h"
+#include "common/unique_fd.h"
 #include "kril.h"
 #include "kril_shell.h"
+#include "listener.h"
+#include "protocol.h"
 
 namespace {
 
@@ -135,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         abort();
     }
     g_ran = 0;
-    kril::handle_line(kril::Fd(sv[0]), line);
+    kril::handle_line(qzplat::UniqueFd(sv[0]), line);
     kril_poll(0);
     const std::string answer = read_all(sv[1]);
     close(sv[1]);

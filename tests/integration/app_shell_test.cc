@@ -19,6 +19,7 @@
 
 #include "app_fixture.h"
 #include "kril_shell.h"
+#include "shell_client.h"
 
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -26,12 +27,7 @@ using ::testing::StartsWith;
 namespace app {
 namespace {
 
-struct Answer {
-    int32_t status = 0;  // kril_client_run's result
-    int32_t rv = 0;      // the handler's
-    std::string out;
-    std::string err;
-};
+using Answer = qztest::ShellAnswer;
 
 class OperatorSession : public ::testing::Test {
   protected:
@@ -73,18 +69,7 @@ class OperatorSession : public ::testing::Test {
     }
 
     Answer run(const std::string &command) {
-        Answer a;
-        char *buf = nullptr;
-        size_t len = 0;
-        FILE *out = open_memstream(&buf, &len);
-        char err[256] = {};
-        const std::string request = module_ + " " + command;
-        a.status = kril_client_run(getpid(), request.c_str(), 5000, out, &a.rv, err, sizeof err);
-        fclose(out);
-        a.out.assign(buf, len);
-        free(buf);
-        a.err = err;
-        return a;
+        return qztest::shell_request(module_ + " " + command);
     }
 
     std::string uri_;
@@ -101,21 +86,21 @@ TEST_F(OperatorSession, ReadsSubscribesDumpsAndSetsTheLevel) {
     ASSERT_EQ(pub.cap_int32("global_spec/platform/mtu", 9216), 0);
 
     Answer a = run("get_cap_bool_no_block url=global_spec/platform/poe");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.rv, 0);
     EXPECT_EQ(a.out, "url global_spec/platform/poe\nvalue 1\n");
 
     a = run("get_g_cap_int32 url=global_spec/platform/mtu");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.out, "url global_spec/platform/mtu\nvalue 9216\n");
 
     a = run("get_cap_int32_no_block url=global_spec/platform/absent");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.rv, LIBQZ_CAP_E_NO_RECORD);
     EXPECT_EQ(a.out, "url global_spec/platform/absent\nfailed,rv -22\n");
 
     a = run("sub_g_cap_int32 url=global_spec/platform/mtu");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.rv, 0);
     // The confirmation's "subscribe ok" is printed on the bus's thread and may
     // land in this capture too.
@@ -124,16 +109,16 @@ TEST_F(OperatorSession, ReadsSubscribesDumpsAndSetsTheLevel) {
     qz_mom_test_drain(app_);
 
     a = run("dump_all");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_THAT(a.out, StartsWith("g_libqz_cap_ready is 0\ng_libqz_cap_zlog_level is 1\n"));
     EXPECT_THAT(a.out, HasSubstr("type  1, arg    (nil), url global_spec/platform/mtu\n"));
     EXPECT_THAT(a.out, HasSubstr("item_num is 1\nmemory_of_hash is 682\ntotal memory is 1086\n"));
     EXPECT_THAT(a.out, HasSubstr("INIT_KRIL_INIT valid 1 count      1"));
 
     a = run("log-level 4");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     a = run("dump_stat");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.out, "g_libqz_cap_ready is 0\ng_libqz_cap_zlog_level is 4\n");
 }
 
@@ -144,25 +129,16 @@ TEST_F(OperatorSession, CollectLeavesTheStandardStreamsAsTheyWere) {
     char root[] = "/tmp/qzcap-collect-XXXXXX";
     ASSERT_NE(mkdtemp(root), nullptr);
     setenv("QZCAP_DATA_ROOT", root, 1);
-    auto identity = [] {
-        std::vector<std::pair<dev_t, ino_t>> ids;
-        for (int fd = 0; fd <= 2; ++fd) {
-            struct stat st {};
-            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
-            ids.emplace_back(st.st_dev, st.st_ino);
-        }
-        return ids;
-    };
 
     ::testing::internal::CaptureStderr();
-    const auto before = identity();
+    const auto before = qztest::std_stream_identity();
     Answer a = run("collect");
-    const auto after = identity();
+    const auto after = qztest::std_stream_identity();
     fprintf(stderr, "an error line after the collection\n");
     const std::string err = ::testing::internal::GetCapturedStderr();
     unsetenv("QZCAP_DATA_ROOT");
 
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.rv, STDERR_FILENO);  // the restore's last duplication
     EXPECT_EQ(after, before);
     EXPECT_THAT(err, HasSubstr("an error line after the collection\n"));
@@ -173,23 +149,23 @@ TEST_F(OperatorSession, CollectLeavesTheStandardStreamsAsTheyWere) {
     std::filesystem::remove_all(root);
 
     a = run("dump_stat");  // and the next command's output reaches the operator
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.out, "g_libqz_cap_ready is 0\ng_libqz_cap_zlog_level is 1\n");
 }
 
 TEST_F(OperatorSession, MalformedRequestsAreRefusedAndTheProcessKeepsServing) {
     Answer a = run("get_cap_bool global_spec/platform/poe");  // no "url="
-    EXPECT_EQ(a.status, KRIL_E_BAD_ARG);
+    EXPECT_EQ(a.code, KRIL_E_BAD_ARG);
     EXPECT_THAT(a.err, HasSubstr("url="));
     a = run("log-level four");
-    EXPECT_EQ(a.status, KRIL_E_BAD_ARG);
+    EXPECT_EQ(a.code, KRIL_E_BAD_ARG);
     a = run("no_such_command");
-    EXPECT_EQ(a.status, KRIL_E_NO_COMMAND);
+    EXPECT_EQ(a.code, KRIL_E_NO_COMMAND);
     a = run("get_cap_bool url=" + std::string(2000, 'x'));
-    EXPECT_EQ(a.status, KRIL_E_TOO_LONG);
+    EXPECT_EQ(a.code, KRIL_E_TOO_LONG);
 
     a = run("show_memory");
-    ASSERT_EQ(a.status, 0) << a.err;
+    ASSERT_EQ(a.code, 0) << a.err;
     EXPECT_EQ(a.out,
               "=========show memory================\nitem_num is 0\nmemory_of_hash is 410\n"
               "total memory is 814\n");

@@ -26,6 +26,7 @@
 
 #include "kril.h"
 #include "kril_shell.h"
+#include "shell_client.h"
 
 namespace {
 
@@ -138,23 +139,10 @@ class Server {
     std::thread thread_;
 };
 
-struct Reply {
-    int32_t code, rv;
-    std::string out, err;
-};
+using Reply = qztest::ShellAnswer;
 
 Reply ask(const std::string &request, int32_t timeout_ms = 5000, pid_t pid = getpid()) {
-    char *text = nullptr;
-    size_t len = 0;
-    FILE *mem = open_memstream(&text, &len);
-    Reply r{0, -1, "", ""};
-    char err[512] = "";
-    r.code = kril_client_run(pid, request.c_str(), timeout_ms, mem, &r.rv, err, sizeof err);
-    fclose(mem);
-    r.out.assign(text, len);
-    free(text);
-    r.err = err;
-    return r;
+    return qztest::shell_request(request, timeout_ms, pid);
 }
 
 bool readable(int fd, int timeout_ms) {
@@ -390,20 +378,43 @@ TEST_F(KrilShell, RequesterThatLeavesCostsNothing) {
     expect_fds_back();
 }
 
-TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
-    auto identity = [] {
-        std::vector<std::pair<dev_t, ino_t>> ids;
-        for (int fd = 0; fd <= 2; ++fd) {
-            struct stat st {};
-            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
-            ids.emplace_back(st.st_dev, st.st_ino);
+// The listener polls the connections of queued requests for hang-ups; the
+// serving thread that answers one must still end it at once, not when the
+// listener's poll next returns.
+TEST_F(KrilShell, AnswerEndsAtOnceWhileTheListenerStillPollsItsConnection) {
+    for (int round = 0; round < 2; ++round) {
+        server_.pause();
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr = socket_addr();
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        ASSERT_EQ(write(fd, "kt set 4\n", 9), 9);
+        ASSERT_TRUE(readable(server_.fd(), 5000)) << "the request was never queued";
+        std::this_thread::sleep_for(50ms);  // the listener is back in its poll
+        server_.resume();
+
+        std::string answer;
+        char buf[256];
+        while (!answer.ends_with("rv 0\n") && readable(fd, 5000)) {
+            ssize_t n = read(fd, buf, sizeof buf);
+            if (n <= 0)
+                break;
+            answer.append(buf, static_cast<size_t>(n));
         }
-        return ids;
-    };
-    const auto before = identity();
+        EXPECT_EQ(answer, "run\nout 6\nset 4\nrv 0\n");
+        const auto answered = std::chrono::steady_clock::now();
+        ASSERT_TRUE(readable(fd, 5000));
+        EXPECT_EQ(read(fd, buf, sizeof buf), 0) << "more than the answer";
+        EXPECT_LT(std::chrono::steady_clock::now() - answered, 500ms)
+            << "the end of the answer waited for the listener's poll round";
+        close(fd);
+    }
+}
+
+TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
+    const auto before = qztest::std_stream_identity();
     Reply r = ask("kt grab");
     ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(identity(), before);
+    EXPECT_EQ(qztest::std_stream_identity(), before);
     // The capture itself still works for the next command.
     r = ask("kt set 21");
     ASSERT_EQ(r.code, 0) << r.err;

@@ -1,14 +1,20 @@
 // Where the sockets live, and whether that place is safe: a directory only
 // its user may enter, so that the socket's own mode is not the only guard.
+#include "run_dir.h"
+
 #include <dirent.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
-#include "internal.h"
+#include "common/c_barrier.h"
+#include "common/parse_int.h"
+#include "c_buffer.h"
+#include "kril_shell.h"
 
 namespace kril {
 
@@ -63,26 +69,14 @@ std::vector<pid_t> socket_pids(const std::string &dir) {
     if (d == nullptr)
         return pids;
     while (const dirent *e = readdir(d)) {
-        char *end = nullptr;
-        long pid = strtol(e->d_name, &end, 10);
-        if (end != e->d_name && pid > 0 && strcmp(end, ".sock") == 0)
-            pids.push_back(static_cast<pid_t>(pid));
+        std::string_view name(e->d_name);
+        pid_t pid = 0;
+        if (name.ends_with(".sock") && qzplat::parse_int(name.substr(0, name.size() - 5), &pid) &&
+            pid > 0)
+            pids.push_back(pid);
     }
     closedir(d);
     return pids;
-}
-
-bool send_all(int fd, const std::string &data, int flags) {
-    size_t off = 0;
-    while (off < data.size()) {
-        ssize_t n = send(fd, data.data() + off, data.size() - off, flags | MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        off += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 }  // namespace kril
@@ -90,7 +84,7 @@ bool send_all(int fd, const std::string &data, int flags) {
 extern "C" int32_t kril_check_run_dir(const char *dir, int32_t create, char *why, size_t why_len) {
     if (dir == nullptr)
         return KRIL_E_ARG;
-    return kril::guarded([&]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         std::string reason;
         int32_t rv = kril::check_run_dir(dir, create != 0, &reason);
         kril::copy_out(reason, why, why_len);
