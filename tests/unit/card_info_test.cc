@@ -3,10 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "core/state.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "query/query.h"
 #include "read_support.h"
 
 namespace {

@@ -10,10 +10,10 @@
 #include <sstream>
 #include <string>
 
-#include "core/state.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "dbg/dbg.h"
+#include "sub/sub.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "core/alloc.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "core/core.h"
 
 namespace {
 

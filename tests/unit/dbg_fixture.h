@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace dbg_fixture {
 

@@ -7,7 +7,8 @@
 #include "core_expect.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "dbg/dbg.h"
+#include "sub/sub.h"
 #include "p_libpub.pb-c.h"
 
 namespace {

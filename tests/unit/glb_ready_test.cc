@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 #include "s_frame.pb-c.h"
 #include "sub_support.h"
 

@@ -8,7 +8,7 @@
 #include "core_expect.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace {
 

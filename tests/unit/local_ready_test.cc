@@ -3,7 +3,7 @@
 
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "libqz_cap.h"
 #include "p_libpub.pb-c.h"
 
 namespace {

@@ -17,7 +17,7 @@
 #include "core/log.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "core/core.h"
 
 namespace {
 

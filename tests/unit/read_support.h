@@ -10,7 +10,8 @@
 
 #include "core/alloc.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "query/query.h"
+#include "sub/sub.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
 

@@ -4,9 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "core/state.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 #include "p_libpub.pb-c.h"
 #include "sub_support.h"
 
