@@ -17,8 +17,7 @@ using core_expect::only_record_is;
 using dbg_fixture::printed;
 using fake::P;
 
-int g_bus;
-void *const kBus = &g_bus;
+void *const kBus = fake::kGlobal;
 constexpr char kKrilFunc[] = "libqz_cap_kril_init_thread";
 
 using UrlHandler = int32_t (*)(const char *);
