@@ -133,17 +133,12 @@ TEST_F(KrilInit, MissingArgumentsAreRefused) {
 
 // ---- handlers, on the default context of the calling thread
 
-class Handlers : public fake::Test {
+class Handlers : public dbg_fixture::DefaultCtxTest {
   protected:
     void SetUp() override {
-        fake::Test::SetUp();
-        dbg_fixture::reset_default_ctx();
+        DefaultCtxTest::SetUp();
         g_libqz_cap_ctrl_info.global = kBus;
         g_libqz_cap_ctrl_info.ready = 1;  // blocking reads read once
-    }
-    void TearDown() override {
-        dbg_fixture::reset_default_ctx();
-        fake::Test::TearDown();
     }
     // The handler the module registered for cmd, as the shell holds it.
     void *registered(const std::string &cmd) {
