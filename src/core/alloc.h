@@ -21,10 +21,20 @@ struct Free {
 template <class T>
 using XPtr = std::unique_ptr<T, Free>;
 
-// One zero-filled T; empty when the allocation fails.
+// count zero-filled Ts; empty when the allocation fails.
+template <class T>
+XPtr<T> xcalloc_n(size_t count) {
+    return XPtr<T>(static_cast<T *>(xcalloc(count, sizeof(T))));
+}
 template <class T>
 XPtr<T> xcalloc_one() {
-    return XPtr<T>(static_cast<T *>(xcalloc(1, sizeof(T))));
+    return xcalloc_n<T>(1);
+}
+
+// count uninitialised Ts; empty when the allocation fails.
+template <class T>
+XPtr<T> xmalloc_n(size_t count) {
+    return XPtr<T>(static_cast<T *>(xmalloc(count * sizeof(T))));
 }
 
 }  // namespace qzcap

@@ -14,6 +14,9 @@ static_assert(offsetof(qz_mom_pmsg_t, result) == 648, "pushed message: result at
 
 namespace qzcap {
 
+// Capability database of every bus call.
+inline constexpr int32_t kCapDb = 3;
+
 struct HashResFree {
     void operator()(qz_mom_hash_res_t *res) const { qz_mom_hash_res_free(res); }
 };

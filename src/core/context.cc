@@ -6,8 +6,9 @@
 #include <cstring>
 
 #include "core/alloc.h"
+#include "core/bus.h"
+#include "core/core.h"
 #include "core/log.h"
-#include "internal.h"
 #include "kril.h"
 #include "qz_mom.h"
 
@@ -21,11 +22,10 @@ constexpr size_t kProcPathLen = 128;
 extern "C" {
 
 libqz_cap_ctrl_info_t *libqz_cap_ctrl_info_init(void) {
-    auto *ctx =
-        static_cast<libqz_cap_ctrl_info_t *>(qzcap::xcalloc(1, sizeof(libqz_cap_ctrl_info_t)));
-    if (ctx == nullptr)
+    qzcap::XPtr<libqz_cap_ctrl_info_t> ctx = qzcap::xcalloc_one<libqz_cap_ctrl_info_t>();
+    if (!ctx)
         QZ_LOG(1, qzcap::kError, "malloc mem fail\r\n");
-    return ctx;
+    return ctx.release();  // the caller's, freed by libqz_cap_ctrl_info_free
 }
 
 void libqz_cap_ctrl_info_free(libqz_cap_ctrl_info_t *ctx) {
@@ -35,12 +35,12 @@ void libqz_cap_ctrl_info_free(libqz_cap_ctrl_info_t *ctx) {
 int32_t libqz_cap_set_mem_size_thread(void *global, libqz_cap_ctrl_info_t *ctx) {
     QZ_CHECK_PTR(global, "global");
     QZ_CHECK_PTR(ctx, "info");
-    int32_t rv = qz_mom_set_write_buf_len(global, LIBQZ_CAP_DB, kBufLen);
+    int32_t rv = qz_mom_set_write_buf_len(global, qzcap::kCapDb, kBufLen);
     // A bus client that keeps its default buffer still works: report, carry on.
     if (rv != 0) {
         QZ_LOG(1, qzcap::kError,
                "qz_mom_set_write_buf_len global %p db %d buf_len %d, failed, rv %d", global,
-               LIBQZ_CAP_DB, kBufLen, rv);
+               qzcap::kCapDb, kBufLen, rv);
     }
     rv = kril_lib_set_mem(global, kBufLen);
     if (rv != 0) {

@@ -10,9 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/core.h"
 #include "core/log.h"
 #include "core/paths.h"
-#include "internal.h"
 #include "qz_zlog.h"
 
 namespace {

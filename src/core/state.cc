@@ -1,6 +1,7 @@
-// The library's process-wide state, in one place. None of it is protected by
-// a lock or made atomic: that is the library's contract (callers serialise).
-#include "core/state.h"
+// The library's exported process-wide state. None of it is protected by a
+// lock or made atomic: that is the library's contract (callers serialise).
+// State that is not exported lives beside the one file that uses it.
+#include "libqz_cap.h"
 
 extern "C" {
 
@@ -15,15 +16,3 @@ LIBQZ_CAP_API void *g_libqz_cap_zlog_category = nullptr;
 LIBQZ_CAP_API uint8_t g_libqz_g_cap_calc_ready = 0;
 
 }  // extern "C"
-
-namespace qzcap {
-
-int32_t g_found_config_dev_type = 0;
-libqz_cap_list_head_t g_glb_state_holders = {&g_glb_state_holders, &g_glb_state_holders};
-libqz_cap_list_head_t g_subcard_state_holders = {&g_subcard_state_holders,
-                                                 &g_subcard_state_holders};
-
-int g_collect_saved_stdout = -1;
-int g_collect_fd = -1;
-
-}  // namespace qzcap

@@ -7,22 +7,28 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/core.h"
 #include "core/paths.h"
-#include "core/state.h"
-#include "internal.h"
+#include "dbg/dbg.h"
 
 namespace {
 
-// The device's buffers for the application name and the collect path.
-constexpr uint32_t kAppNameLen = 128;
+// The device's buffer for the collect path.
 constexpr size_t kCollectPathLen = 256;
 
 }  // namespace
 
+namespace qzcap {
+
+int g_collect_saved_stdout = -1;
+int g_collect_fd = -1;
+
+}  // namespace qzcap
+
 extern "C" {
 
 int32_t libqz_cap_dbg_log_redirect2file(void) {
-    char name[kAppNameLen] = {};
+    char name[qzcap::kAppNameLen] = {};
     libqz_cap_get_app_name(getpid(), name, sizeof name);
     // Cut with the device's limit first, so every target writes the same file.
     char device_path[kCollectPathLen];

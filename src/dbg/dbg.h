@@ -1,25 +1,39 @@
-// Pieces the debug module's files share: argument checks that log under the
-// debug module's source name, and the state prints that both the shell's
-// commands and the full dump produce.
+// The debug module's shared pieces: argument checks that log under its
+// source name, the state prints that both the shell's commands and the full
+// dump produce, the handlers that are not exported, and collection's state.
 #ifndef LIBQZ_CAP_DBG_DBG_H
 #define LIBQZ_CAP_DBG_DBG_H
 
 #include <cstdint>
 
 #include "core/log.h"
-#include "internal.h"
+#include "libqz_cap.h"
 
 // "<name> NULL pointer, addr error!\n" from source libqz_cap_dbg, and -4.
-#define QZ_DBG_CHECK_PTR_FN(func, ptr, name)                                              \
-    do {                                                                                  \
-        if ((ptr) == nullptr) {                                                           \
-            QZ_DBG_LOG_FN(func, 1, ::qzcap::kError, name " NULL pointer, addr error!\n"); \
-            return LIBQZ_CAP_E_ARG;                                                       \
-        }                                                                                 \
-    } while (0)
+#define QZ_DBG_CHECK_PTR_FN(func, ptr, name) QZ_CHECK_PTR_SRC_FN(::qzcap::kSrcDbg, func, ptr, name)
 #define QZ_DBG_CHECK_PTR(ptr, name) QZ_DBG_CHECK_PTR_FN(__func__, ptr, name)
 
-namespace qzcap::dbg {
+extern "C" {
+
+int32_t libqz_cap_dbg_dump_stat(void);
+int32_t libqz_cap_dbg_dump_sub_hash(void);
+int32_t libqz_cap_dbg_dump_all(void);
+// Registry walk callback printing one record; returns 0.
+int32_t libqz_cap_dbg_print_sub_item(void *item, void *arg);
+// Value callbacks of the debug subscriptions.
+int32_t libqz_cap_dbg_bool_sub_cb(void *global, struct qz_mom_pmsg *pmsg, void *arg);
+int32_t libqz_cap_dbg_int32_sub_cb(void *global, struct qz_mom_pmsg *pmsg, void *arg);
+
+}  // extern "C"
+
+namespace qzcap {
+
+// Collection: the saved copy of standard output and the open collect file;
+// -1 when none. Shared by all threads and unsynchronised.
+extern int g_collect_saved_stdout;
+extern int g_collect_fd;
+
+namespace dbg {
 
 // Readiness flag and gate level. REQUIRES: ctx != nullptr.
 void print_stat(const libqz_cap_ctrl_info_t *ctx);
@@ -28,6 +42,7 @@ void print_stat(const libqz_cap_ctrl_info_t *ctx);
 // when ctx has no registry. REQUIRES: ctx != nullptr.
 int32_t print_sub_hash(const libqz_cap_ctrl_info_t *ctx);
 
-}  // namespace qzcap::dbg
+}  // namespace dbg
+}  // namespace qzcap
 
 #endif  // LIBQZ_CAP_DBG_DBG_H

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "dbg/dbg.h"
+#include "sub/sub.h"
 
 namespace {
 
@@ -31,6 +32,30 @@ int32_t print_sub_hash(const libqz_cap_ctrl_info_t *ctx) {
 }  // namespace qzcap::dbg
 
 extern "C" {
+
+// Step names, in step order; the show-time report is their one user.
+const char g_libqz_cap_time_rec_name[LIBQZ_CAP_INIT_STEPS][32] = {
+    "INIT_START", "INIT_GET_APP_NAME", "INIT_ZLOG_INIT", "INIT_CON_HOST",
+    "INIT_HASH",  "INIT_RECON_HOST",   "INIT_KRIL_INIT",
+};
+
+int libqz_cap_dbg_show_time_thread(libqz_cap_ctrl_info_t *ctx) {
+    QZ_CHECK_PTR(ctx, "info");
+    puts("=================show time====================\r\n");
+    printf("sleep time %d\n", static_cast<int>(ctx->sleep_time));
+    for (int step = 0; step < LIBQZ_CAP_INIT_STEPS; ++step) {
+        const libqz_cap_time_rec_t &rec = ctx->time_rec[step];
+        printf("type %d type_name %32s valid %d count %6d, last_time %lu:%lu\r\n\n", step,
+               g_libqz_cap_time_rec_name[step], static_cast<int>(rec.valid),
+               static_cast<int>(rec.count), static_cast<unsigned long>(rec.sec),
+               static_cast<unsigned long>(rec.nsec));
+    }
+    return 0;
+}
+
+int libqz_cap_dbg_show_time(void) {
+    return libqz_cap_dbg_show_time_thread(&g_libqz_cap_ctrl_info);
+}
 
 int32_t libqz_cap_dbg_print_sub_item(void *item, void * /*arg*/) {
     const auto *rec = static_cast<const sub_info *>(item);

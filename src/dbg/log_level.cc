@@ -1,6 +1,5 @@
 // The gate-level setter; also the debug shell's "log-level" handler.
 #include "core/log.h"
-#include "internal.h"
 
 extern "C" void libqz_cap_log_level(int32_t level) {
     // The gate in force before the change decides whether the change is logged.

@@ -3,15 +3,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/keys.h"
 #include "p_libpub.pb-c.h"
 #include "query/value_read.h"
+#include "sub/sub.h"
 
 namespace {
 
 using qzcap::read::Member;
-
-constexpr PLibpub__CapTable kCapTableInit = P_LIBPUB__CAP_TABLE__INIT;
-constexpr PLibpub__CapTableIndex kCapTableIndexInit = P_LIBPUB__CAP_TABLE_INDEX__INIT;
 
 // Keyed by URL; readiness is cached and waits are counted in the context.
 struct Device {
@@ -20,21 +19,10 @@ struct Device {
     libqz_cap_ctrl_info_t *ctx;
 
     // Refers to the caller's URL text for the duration of the call.
-    class Key {
-      public:
-        Key(const char *url, const Device &) {
-            index_.url = const_cast<char *>(url);
-            rec_.index = &index_;
-        }
-        Key(const Key &) = delete;
-        Key &operator=(const Key &) = delete;
-        const ProtobufCMessage *msg() const { return &rec_.base; }
-
-      private:
-        PLibpub__CapTableIndex index_ = kCapTableIndexInit;
-        PLibpub__CapTable rec_ = kCapTableInit;
-    };
-
+    qzcap::CapKey key(const char *url) const {
+        return qzcap::CapKey(
+            [url](PLibpub__CapTableIndex &index) { index.url = const_cast<char *>(url); });
+    }
     int32_t prepare(const char *) const { return 0; }
     bool ready() const { return ctx->ready != 0; }
     void waited(void *global) const {

@@ -2,16 +2,14 @@
 // subcard's readiness, which is cached in its node for the whole process.
 #include <cstring>
 
+#include "core/keys.h"
 #include "p_libpub.pb-c.h"
+#include "query/query.h"
 #include "query/value_read.h"
 
 namespace {
 
 using qzcap::read::Member;
-
-constexpr PLibpub__CapSubcardTable kSubcardTableInit = P_LIBPUB__CAP_SUBCARD_TABLE__INIT;
-constexpr PLibpub__CapSubcardTableIndex kSubcardTableIndexInit =
-    P_LIBPUB__CAP_SUBCARD_TABLE_INDEX__INIT;
 
 struct Subcard {
     static constexpr bool kHasCtx = false;
@@ -20,32 +18,18 @@ struct Subcard {
     libqz_cap_subcard_node_t *node = nullptr;  // set by prepare()
 
     // Refers to the caller's URL text for the duration of the call.
-    class Key {
-      public:
-        Key(const char *url, const Subcard &scope) {
-            index_.nodeid = scope.nodeid;
-            index_.url = const_cast<char *>(url);
-            rec_.index = &index_;
-        }
-        Key(const Key &) = delete;
-        Key &operator=(const Key &) = delete;
-        const ProtobufCMessage *msg() const { return &rec_.base; }
-
-      private:
-        PLibpub__CapSubcardTableIndex index_ = kSubcardTableIndexInit;
-        PLibpub__CapSubcardTable rec_ = kSubcardTableInit;
-    };
+    qzcap::SubcardCapKey key(const char *url) const {
+        return qzcap::SubcardCapKey([this, url](PLibpub__CapSubcardTableIndex &index) {
+            index.nodeid = nodeid;
+            index.url = const_cast<char *>(url);
+        });
+    }
 
     // The first node of this id, created (in id order) on first use.
     int32_t prepare(const char *fn) {
-        libqz_cap_list_head_t *const head = &cap_sub_card_nodes_list;
-        for (libqz_cap_list_head_t *pos = head->next; pos != head; pos = pos->next) {
-            auto *n = reinterpret_cast<libqz_cap_subcard_node_t *>(pos);
-            if (n->payload.nodeid == nodeid) {
-                node = n;
-                return 0;
-            }
-        }
+        node = qzcap::find_subcard_node(nodeid);
+        if (node != nullptr)
+            return 0;
         libqz_cap_subcard_node_payload_t payload;
         memset(&payload, 0, sizeof payload);
         payload.nodeid = nodeid;

@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -13,7 +14,7 @@
 
 #include "core/bus.h"
 #include "core/log.h"
-#include "internal.h"
+#include "core/value_kind.h"
 
 namespace qzcap::read {
 
@@ -32,33 +33,13 @@ struct Member {
     const char *field_invalid = nullptr;  // (url) record without the value field
 };
 
-// True when fmt's conversions are exactly `want`, one letter each ("sd" for
-// "url %s value: %d").
-consteval bool conversions_are(const char *fmt, std::string_view want) {
-    if (fmt == nullptr)
-        return false;
-    size_t n = 0;
-    for (const char *p = fmt; *p != '\0'; ++p) {
-        if (*p != '%')
-            continue;
-        ++p;
-        if (*p == '%')
-            continue;
-        while (*p >= '0' && *p <= '9')
-            ++p;
-        if (n == want.size() || *p != want[n])
-            return false;
-        ++n;
-    }
-    return n == want.size();
-}
-
-// A boolean or int32 output: set to `Initial` before the bus is asked.
-template <class T, int32_t Field, T Initial>
+// A boolean or int32 output: set to the kind's initial value before the
+// bus is asked.
+template <const auto &K>
 struct ScalarOut {
-    static constexpr int32_t kField = Field;
+    static constexpr int32_t kField = K.field;
     static constexpr std::string_view kFoundArgs = "sd";  // url, value
-    T *value;
+    std::remove_cvref_t<decltype(K.initial)> *value;
 
     template <class Scope>
     int32_t check(const char *fn, const Scope &scope) const {
@@ -67,21 +48,18 @@ struct ScalarOut {
         QZ_CHECK_PTR_FN(fn, value, "value");
         return 0;
     }
-    void clear() const { *value = Initial; }
+    void clear() const { *value = K.initial; }
     template <class Record>
     void take(const Record &r) const {
-        if constexpr (Field == 6)
-            *value = r.bool_value != 0;  // a stored 256 is true, not a truncated 0
-        else
-            *value = r.int32_value;
+        *value = value_of(K, r);
     }
     void log(const char *fn, const char *fmt, const char *url) const {
         QZ_LOG_FN(fn, 4, kInfo, fmt, url, static_cast<int>(*value));
     }
 };
 
-using BoolOut = ScalarOut<bool, 6, false>;
-using Int32Out = ScalarOut<int32_t, 7, -1>;
+using BoolOut = ScalarOut<kBoolKind>;
+using Int32Out = ScalarOut<kInt32Kind>;
 
 // A string output: a caller buffer of str_len bytes and the copied length.
 struct StrOut {
@@ -123,9 +101,21 @@ struct StrOut {
 
 enum class Answer { kValue, kNoRecord, kNoField };
 
+// What a read's scope supplies: the decoded record type, the key of a URL
+// within the scope, and the readiness the blocking reads wait for.
+template <class S>
+concept ReadScope = requires(S scope, const S &cscope, const char *text, void *global) {
+    typename S::Record;
+    { S::kHasCtx } -> std::convertible_to<bool>;
+    { cscope.key(text).msg() } -> std::same_as<const ProtobufCMessage *>;
+    { scope.prepare(text) } -> std::same_as<int32_t>;  // text: the operation's name
+    { cscope.ready() } -> std::same_as<bool>;
+    cscope.waited(global);  // after each one-second sleep
+};
+
 // A read that failed (no result, or an error code) is logged, released and
-// ends the call with -21; it is never retried.
-inline int32_t bus_failure(const char *fn, const char *url, HashResPtr &res) {
+// ends the call with -21; it is never retried. 0: res holds a result.
+inline int32_t release_failed_read(const char *fn, const char *url, HashResPtr &res) {
     if (!res) {
         QZ_LOG_FN(fn, 1, kError, "url %s, result NULL", url);
         return LIBQZ_CAP_E_BUS;
@@ -151,22 +141,19 @@ void dump(Scope &scope, const char *label) {
         scope.dump(label);
 }
 
-// One read that must find the value: after the wait, or once readiness is
-// cached. A missing value is an error here.
+// Ends a read that has a result: the value, or why there is none, logged
+// at gate with level. The result is released before the closing traces.
 template <const Member &M, class Scope, class Out>
-int32_t final_read(void *global, const char *url, Scope &scope, const Out &out,
-                   const ProtobufCMessage *key) {
-    HashResPtr res(qz_mom_hgetall_sync(global, LIBQZ_CAP_DB, key));
-    if (int32_t rv = bus_failure(M.func, url, res); rv != 0)
-        return rv;
+int32_t answer_and_release(const char *url, Scope &scope, const Out &out, HashResPtr &res,
+                           uint32_t gate, int level) {
     switch (answer(*res, Out::kField)) {
         case Answer::kNoRecord:
-            QZ_LOG_FN(M.func, 1, kError, M.tmp_null, url);
+            QZ_LOG_FN(M.func, gate, level, M.tmp_null, url);
             res.reset();
             dump<M>(scope, "leave");
             return LIBQZ_CAP_E_NO_RECORD;
         case Answer::kNoField:
-            QZ_LOG_FN(M.func, 1, kError, M.field_invalid, url);
+            QZ_LOG_FN(M.func, gate, level, M.field_invalid, url);
             res.reset();
             dump<M>(scope, "leave");
             return LIBQZ_CAP_E_NO_FIELD;
@@ -181,6 +168,17 @@ int32_t final_read(void *global, const char *url, Scope &scope, const Out &out,
     return 0;
 }
 
+// One read that must find the value: after the wait, or once readiness is
+// cached. A missing value is an error here.
+template <const Member &M, class Scope, class Out>
+int32_t final_read(void *global, const char *url, Scope &scope, const Out &out,
+                   const ProtobufCMessage *key) {
+    HashResPtr res(qz_mom_hgetall_sync(global, kCapDb, key));
+    if (int32_t rv = release_failed_read(M.func, url, res); rv != 0)
+        return rv;
+    return answer_and_release<M>(url, scope, out, res, 1, kError);
+}
+
 // Polls once a second, without limit, until the value is published (returned
 // at once, ready or not) or the scope reports readiness (then final_read).
 template <const Member &M, class Scope, class Out>
@@ -189,8 +187,8 @@ int32_t blocking_read(void *global, const char *url, Scope &scope, const Out &ou
     if (int32_t rv = scope.prepare(M.func); rv != 0)
         return rv;
     while (!scope.ready()) {
-        HashResPtr res(qz_mom_hgetall_sync(global, LIBQZ_CAP_DB, key));
-        if (int32_t rv = bus_failure(M.func, url, res); rv != 0)
+        HashResPtr res(qz_mom_hgetall_sync(global, kCapDb, key));
+        if (int32_t rv = release_failed_read(M.func, url, res); rv != 0)
             return rv;
         const Answer a = answer(*res, Out::kField);
         if (a == Answer::kValue) {
@@ -211,36 +209,20 @@ int32_t blocking_read(void *global, const char *url, Scope &scope, const Out &ou
 
 // One extended read (option 2); a missing value is only a trace.
 template <const Member &M, class Scope, class Out>
-int32_t no_block_read(void *global, const char *url, const Out &out, const ProtobufCMessage *key) {
+int32_t no_block_read(void *global, const char *url, Scope &scope, const Out &out,
+                      const ProtobufCMessage *key) {
     int32_t option = 2;
-    HashResPtr res(qz_mom_hgetall_ext_sync(global, LIBQZ_CAP_DB, &option, key));
-    if (int32_t rv = bus_failure(M.func, url, res); rv != 0)
+    HashResPtr res(qz_mom_hgetall_ext_sync(global, kCapDb, &option, key));
+    if (int32_t rv = release_failed_read(M.func, url, res); rv != 0)
         return rv;
-    switch (answer(*res, Out::kField)) {
-        case Answer::kNoRecord:
-            QZ_LOG_FN(M.func, 4, kInfo, M.tmp_null, url);
-            res.reset();
-            return LIBQZ_CAP_E_NO_RECORD;
-        case Answer::kNoField:
-            QZ_LOG_FN(M.func, 4, kInfo, M.field_invalid, url);
-            res.reset();
-            return LIBQZ_CAP_E_NO_FIELD;
-        case Answer::kValue:
-            break;
-    }
-    out.take(*static_cast<const typename Scope::Record *>(res->view));
-    out.log(M.func, M.found, url);
-    res.reset();
-    QZ_LOG_FN(M.func, 4, kInfo, "leave");
-    return 0;
+    return answer_and_release<M>(url, scope, out, res, 4, kInfo);
 }
 
-// The read named by M. Scope supplies: kHasCtx, ctx (when kHasCtx), nodeid
-// (when M.entry_nodeid), Record, Key(url, scope) with msg(), and for blocking
-// members prepare(fn), ready(), waited(global) (after each one-second
-// sleep), and dump(label) when M.dump.
-template <const Member &M, class Scope, class Out>
-int32_t read(void *global, const char *url, Scope scope, Out out) {
+// The read named by M. Beyond a ReadScope, Scope supplies ctx when kHasCtx,
+// nodeid when M.entry_nodeid, and dump(label) when M.dump.
+template <const Member &M, ReadScope Scope, class Out>
+requires(!M.dump || requires(Scope s) { s.dump("enter"); }) int32_t
+    read(void *global, const char *url, Scope scope, Out out) {
     static_assert(!M.dump || Scope::kHasCtx, "the trace dump walks a context's registry");
     static_assert(conversions_are(M.entry, M.entry_nodeid ? "psd" : "ps"));
     static_assert(conversions_are(M.found, Out::kFoundArgs));
@@ -260,11 +242,11 @@ int32_t read(void *global, const char *url, Scope scope, Out out) {
     dump<M>(scope, "enter");
     out.clear();
 
-    const typename Scope::Key key(url, scope);
+    const auto key = scope.key(url);
     if constexpr (M.blocking)
         return blocking_read<M>(global, url, scope, out, key.msg());
     else
-        return no_block_read<M, Scope>(global, url, out, key.msg());
+        return no_block_read<M>(global, url, scope, out, key.msg());
 }
 
 }  // namespace qzcap::read

@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "core/alloc.h"
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace {
 
@@ -74,31 +74,26 @@ qz_cap_hash_table *qz_cap_create_hash(uint32_t size, qz_cap_hash_index_fn get_in
         return nullptr;
     auto n = static_cast<uint32_t>(buckets);
 
-    auto *t = static_cast<qz_cap_hash_table *>(qzcap::xmalloc(sizeof(qz_cap_hash_table)));
-    if (t == nullptr)
+    qzcap::XPtr<qz_cap_hash_table> t = qzcap::xmalloc_n<qz_cap_hash_table>(1);
+    if (!t)
         return nullptr;
-    auto *heads = static_cast<qz_cap_hash_list *>(qzcap::xmalloc(n * sizeof(qz_cap_hash_list)));
-    if (heads == nullptr) {
-        free(t);
+    qzcap::XPtr<qz_cap_hash_list> heads = qzcap::xmalloc_n<qz_cap_hash_list>(n);
+    if (!heads)
         return nullptr;
-    }
-    auto *counts = static_cast<uint8_t *>(qzcap::xcalloc(n, sizeof(uint8_t)));
-    if (counts == nullptr) {
-        free(t);
-        free(heads);
+    qzcap::XPtr<uint8_t> counts = qzcap::xcalloc_n<uint8_t>(n);
+    if (!counts)
         return nullptr;
-    }
     for (uint32_t i = 0; i < n; ++i)
-        heads[i].next = heads[i].prev = sentinel(&heads[i]);
+        heads.get()[i].next = heads.get()[i].prev = sentinel(&heads.get()[i]);
 
     t->table_size = n;
     t->item_num = 0;
     t->bucket_warning_size = 0;
-    t->bucket_num = counts;
-    t->buckets = heads;
+    t->bucket_num = counts.release();
+    t->buckets = heads.release();
     t->get_index = get_index;
     t->compare = compare;
-    return t;
+    return t.release();
 }
 
 void qz_cap_destroy_hash(qz_cap_hash_table *table) {
@@ -112,8 +107,8 @@ void qz_cap_destroy_hash(qz_cap_hash_table *table) {
 int32_t qz_cap_hash_insert_item(qz_cap_hash_table *table, void *item) {
     if (table == nullptr)
         return -1;
-    auto *node = static_cast<qz_cap_hash_node *>(qzcap::xmalloc(sizeof(qz_cap_hash_node)));
-    if (node == nullptr)
+    qzcap::XPtr<qz_cap_hash_node> node = qzcap::xmalloc_n<qz_cap_hash_node>(1);
+    if (!node)
         return LIBQZ_CAP_E_HASH_NODE;
 
     uint32_t index = bucket_index(table, item);
@@ -121,8 +116,8 @@ int32_t qz_cap_hash_insert_item(qz_cap_hash_table *table, void *item) {
     node->item = item;
     node->next = head->next;
     node->prev = sentinel(head);
-    set_prev(head, head->next, node);
-    head->next = node;
+    set_prev(head, head->next, node.get());
+    head->next = node.release();  // the chain's now
 
     uint8_t count = ++table->bucket_num[index];
     ++table->item_num;

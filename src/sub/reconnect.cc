@@ -4,16 +4,16 @@
 #include <cstring>
 
 #include "core/log.h"
-#include "internal.h"
-#include "sub/value_sub.h"
+#include "core/value_kind.h"
+#include "sub/sub.h"
+#include "sub/subscribe_calls.h"
 
 namespace {
 
 using qzcap::kError;
 using qzcap::kInfo;
 using qzcap::kWarn;
-using qzcap::sub::Text;
-using qzcap::sub::ValueKind;
+using qzcap::ValueKind;
 
 // A record that cannot be renewed is skipped with its reason. The state
 // record's url is its name, and its arg is the fun the bus must get back.
@@ -33,14 +33,15 @@ int32_t check_record(const char *fn, const sub_info &r) {
     return 0;
 }
 
-void log_outcome(const char *fn, const ValueKind &k, const sub_info &r, int32_t rv) {
+template <class T>
+void log_outcome(const char *fn, const ValueKind<T> &k, const sub_info &r, int32_t rv) {
     if (rv != 0)
         QZ_LOG_FN(fn, 1, kError, k.recon_refused.fmt, r.global, r.url, r.fp, r.arg, rv);
     else
         QZ_LOG_FN(fn, 2, kWarn, k.recon_accepted.fmt, r.global, r.url, r.fp, r.arg, 0);
 }
 
-template <const ValueKind &K>
+template <const auto &K>
 void renew_value(const char *fn, const sub_info &r) {
     if (check_record<false>(fn, r) != 0)
         return;
@@ -54,11 +55,11 @@ void renew_value(const char *fn, const sub_info &r) {
 }
 
 void libqz_cap_ce_subscribe_g_cap_bool_ext_recon_thread(const sub_info &r) {
-    renew_value<qzcap::sub::kBoolKind>(__func__, r);
+    renew_value<qzcap::kBoolKind>(__func__, r);
 }
 
 void libqz_cap_ce_subscribe_g_cap_int32_ext_recon_thread(const sub_info &r) {
-    renew_value<qzcap::sub::kInt32Kind>(__func__, r);
+    renew_value<qzcap::kInt32Kind>(__func__, r);
 }
 
 // fp is the library's readiness callback and arg its fun, still held in the
@@ -69,7 +70,7 @@ void libqz_cap_ce_subscribe_g_cap_state_ext_recon_thread(const sub_info &r) {
     QZ_LOG(2, kWarn, "global %p, sub name %s enter, fp %p", r.global, r.url, r.fp);
     const int32_t rv =
         qzcap::sub::subscribe_glb_state(r.global, reinterpret_cast<qz_mom_record_cb>(r.fp), r.arg);
-    log_outcome(__func__, qzcap::sub::kBoolKind, r, rv);
+    log_outcome(__func__, qzcap::kBoolKind, r, rv);
 }
 
 }  // namespace

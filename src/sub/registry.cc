@@ -5,11 +5,19 @@
 
 #include "core/alloc.h"
 #include "core/log.h"
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace {
 
 constexpr size_t kUrlCap = sizeof(sub_info::url);
+// Subscriptions the registry is sized for (42 buckets).
+constexpr uint32_t kRegistrySize = 32;
+
+int32_t free_record_cb(void *item, void *registry) {
+    qz_cap_hash_del_item(static_cast<qz_cap_hash_table *>(registry), item);
+    free(item);
+    return 0;
+}
 
 int32_t dump_item_cb(void *item, void * /*arg*/) {
     libqz_cap_dump_sub_hash_item(static_cast<sub_info *>(item));
@@ -70,17 +78,18 @@ int32_t libqz_cap_add_sub_info_thread(void *global, const char *url, void *fp, v
     if (qz_cap_hash_find_item(ctx->sub_hash, &probe) != nullptr)
         return 0;
 
-    auto *rec = static_cast<sub_info *>(qzcap::xmalloc(sizeof(sub_info)));
-    if (rec == nullptr) {
+    qzcap::XPtr<sub_info> rec = qzcap::xmalloc_n<sub_info>(1);
+    if (!rec) {
         QZ_LOG(1, qzcap::kError, "sub_info malloc failed");
         return LIBQZ_CAP_E_NOMEM;
     }
-    memcpy(rec, &probe, sizeof probe);
-    if (int32_t rv = qz_cap_hash_insert_item(ctx->sub_hash, rec); rv != 0) {
+    memcpy(rec.get(), &probe, sizeof probe);
+    // A refused record is freed here: nothing else refers to it.
+    if (int32_t rv = qz_cap_hash_insert_item(ctx->sub_hash, rec.get()); rv != 0) {
         QZ_LOG(1, qzcap::kError, "failed,rv %d", rv);
-        free(rec);  // nothing else refers to it
         return rv;
     }
+    rec.release();  // the registry's now
     return 0;
 }
 
@@ -101,3 +110,21 @@ void libqz_cap_dump_sub_hash_item(sub_info *item) {
 }
 
 }  // extern "C"
+
+namespace qzcap::sub {
+
+bool create_registry(libqz_cap_ctrl_info_t *ctx) {
+    ctx->sub_hash =
+        qz_cap_create_hash(kRegistrySize, libqz_cap_sub_hash_index_cb, libqz_cap_cmp_sub_hash_item);
+    return ctx->sub_hash != nullptr;
+}
+
+// The table's destroy frees neither its nodes nor its items, so the records
+// leave the table (freeing their nodes) and are freed before it goes.
+void destroy_registry(libqz_cap_ctrl_info_t *ctx) {
+    qz_cap_hash_each_item_op(ctx->sub_hash, free_record_cb, ctx->sub_hash);
+    qz_cap_destroy_hash(ctx->sub_hash);
+    ctx->sub_hash = nullptr;
+}
+
+}  // namespace qzcap::sub

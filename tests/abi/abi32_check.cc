@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <ctime>
 
-#include "internal.h"
+#include "core/core.h"
+#include "query/query.h"
+#include "sub/sub.h"
 #include "qz_mom.h"
 
 static_assert(sizeof(void *) == 4, "this check must be compiled for a 32-bit target");

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "internal.h"
+#include "core/core.h"
 
 namespace {
 

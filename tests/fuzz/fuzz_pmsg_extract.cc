@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "fuzz_lines.h"
-#include "internal.h"
+#include "libqz_cap.h"
 #include "p_libpub.pb-c.h"
 #include "qz_mom.h"
 #include "qz_zlog.h"

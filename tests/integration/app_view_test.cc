@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "app_fixture.h"
-#include "internal.h"
+#include "query/query.h"
 
 using ::testing::ElementsAre;
 using ::testing::Pair;

@@ -22,9 +22,6 @@ constexpr char kInt[] = "libqz_cap_get_capacity_int32_thread";
 constexpr char kIntNb[] = "libqz_cap_get_capacity_int32_no_block_thread";
 constexpr char kStr[] = "libqz_cap_get_capacity_str_thread";
 constexpr char kStrNb[] = "libqz_cap_get_capacity_str_no_block_thread";
-constexpr char kHget[] = "qz_mom_hgetall_sync";
-constexpr char kHgetExt[] = "qz_mom_hgetall_ext_sync";
-constexpr char kFree[] = "qz_mom_hash_res_free";
 
 std::string entry(const char *url) {
     char buf[300];

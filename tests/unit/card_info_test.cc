@@ -3,10 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "core/state.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "query/query.h"
 #include "read_support.h"
 
 namespace {
@@ -14,15 +13,12 @@ namespace {
 using core_expect::only_record_is;
 using core_expect::record_is;
 using fake::P;
-using read_support::kGlobal;
+using namespace read_support;
 using Strings = std::vector<std::string>;
 
 constexpr char kReady[] = "libqz_cap_get_sub_card_local_ready_thread";
 constexpr char kCb[] = "libqz_cap_card_info_cb";
 constexpr char kNodeInit[] = "libqz_cap_node_init";
-constexpr char kHget[] = "qz_mom_hgetall_sync";
-constexpr char kScan[] = "qz_mom_scan_sync";
-constexpr char kFree[] = "qz_mom_hash_res_free";
 
 ProtobufCMessage *card(int32_t nodeid, int32_t dev_type, bool with_index = true) {
     PDev__CardInfoIndex index = P_DEV__CARD_INFO_INDEX__INIT;

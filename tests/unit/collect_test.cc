@@ -10,10 +10,10 @@
 #include <sstream>
 #include <string>
 
-#include "core/state.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "dbg/dbg.h"
+#include "sub/sub.h"
 
 namespace {
 
@@ -33,11 +33,10 @@ size_t open_fds() {
     return n;
 }
 
-class Collect : public fake::Test {
+class Collect : public dbg_fixture::DefaultCtxTest {
   protected:
     void SetUp() override {
-        fake::Test::SetUp();
-        dbg_fixture::reset_default_ctx();
+        DefaultCtxTest::SetUp();
         out_path_ = root_.path() + "/stdout.txt";
         err_path_ = root_.path() + "/stderr.txt";
         fflush(stdout);
@@ -57,8 +56,7 @@ class Collect : public fake::Test {
         if (qzcap::g_collect_fd >= 0)
             close(qzcap::g_collect_fd);
         qzcap::g_collect_fd = -1;
-        dbg_fixture::reset_default_ctx();
-        fake::Test::TearDown();
+        DefaultCtxTest::TearDown();
     }
     static void point(int fd, const std::string &path) {
         int f = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);

@@ -10,7 +10,7 @@
 #include "core/alloc.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "core/core.h"
 
 namespace {
 
@@ -18,8 +18,7 @@ using core_expect::only_record_is;
 using core_expect::record_is;
 using fake::P;
 
-int g_bus;
-void *const kGlobal = &g_bus;
+using fake::kGlobal;
 
 std::string pointer_text(const void *p) {
     char buf[32];

@@ -13,7 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "internal.h"
+#include "fake_platform.h"
+#include "sub/sub.h"
 
 namespace dbg_fixture {
 
@@ -81,6 +82,20 @@ inline std::string app_name() {
     char name[128];
     return libqz_cap_get_app_name(getpid(), name, sizeof name);
 }
+
+// The recording platform, with the calling thread's default context emptied
+// before and after each test.
+class DefaultCtxTest : public fake::Test {
+  protected:
+    void SetUp() override {
+        fake::Test::SetUp();
+        reset_default_ctx();
+    }
+    void TearDown() override {
+        reset_default_ctx();
+        fake::Test::TearDown();
+    }
+};
 
 // What f printed on standard output, with f's result in *rc.
 template <class F>

@@ -7,7 +7,8 @@
 #include "core_expect.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "dbg/dbg.h"
+#include "sub/sub.h"
 #include "p_libpub.pb-c.h"
 
 namespace {
@@ -16,8 +17,7 @@ using core_expect::only_record_is;
 using dbg_fixture::printed;
 using fake::P;
 
-int g_bus;
-void *const kBus = &g_bus;
+void *const kBus = fake::kGlobal;
 constexpr char kKrilFunc[] = "libqz_cap_kril_init_thread";
 
 using UrlHandler = int32_t (*)(const char *);
@@ -133,17 +133,12 @@ TEST_F(KrilInit, MissingArgumentsAreRefused) {
 
 // ---- handlers, on the default context of the calling thread
 
-class Handlers : public fake::Test {
+class Handlers : public dbg_fixture::DefaultCtxTest {
   protected:
     void SetUp() override {
-        fake::Test::SetUp();
-        dbg_fixture::reset_default_ctx();
+        DefaultCtxTest::SetUp();
         g_libqz_cap_ctrl_info.global = kBus;
         g_libqz_cap_ctrl_info.ready = 1;  // blocking reads read once
-    }
-    void TearDown() override {
-        dbg_fixture::reset_default_ctx();
-        fake::Test::TearDown();
     }
     // The handler the module registered for cmd, as the shell holds it.
     void *registered(const std::string &cmd) {

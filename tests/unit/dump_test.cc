@@ -4,7 +4,9 @@
 #include "core_expect.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "core/core.h"
+#include "dbg/dbg.h"
+#include "sub/sub.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include "libqz_cap.h"
 #include "kril.h"
 #include "qz_monotime.h"
 #include "qz_zlog.h"

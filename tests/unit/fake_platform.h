@@ -26,6 +26,16 @@
 
 namespace fake {
 
+// A bus handle: the double records it and never dereferences it.
+inline int g_bus_token;
+inline void *const kGlobal = &g_bus_token;
+
+// Names of the recorded bus calls that most tests expect.
+inline constexpr char kHget[] = "qz_mom_hgetall_sync";
+inline constexpr char kHgetExt[] = "qz_mom_hgetall_ext_sync";
+inline constexpr char kFree[] = "qz_mom_hash_res_free";
+inline constexpr char kScan[] = "qz_mom_scan_sync";
+
 struct Event {
     uint64_t seq = 0;
     std::string op;  // platform function name, or "log"

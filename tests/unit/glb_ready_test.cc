@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 #include "s_frame.pb-c.h"
 #include "sub_support.h"
 
@@ -14,8 +14,9 @@ using sub_support::expect_ladder;
 using sub_support::kGlbStateKey;
 using sub_support::text;
 
-int g_bus, g_arg;
-void *const kGlobal = &g_bus;
+using fake::kGlobal;
+
+int g_arg;
 constexpr char kRead[] = "libqz_cap_ce_get_glb_ready";
 constexpr char kCb[] = "libqz_cap_ce_glb_ready_pmsg_f";
 

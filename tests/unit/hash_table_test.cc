@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "core/alloc.h"
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "core_expect.h"
 #include "dbg_fixture.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace {
 
@@ -35,17 +35,12 @@ std::vector<std::string> ops() {
     return out;
 }
 
-class Init : public fake::Test {
+class Init : public dbg_fixture::DefaultCtxTest {
   protected:
-    void SetUp() override {
-        fake::Test::SetUp();
-        dbg_fixture::reset_default_ctx();
-    }
     void TearDown() override {
         libqz_cap_test_fail_alloc(0);
         dbg_fixture::drop_registry(&ctx_);
-        dbg_fixture::reset_default_ctx();
-        fake::Test::TearDown();
+        DefaultCtxTest::TearDown();
     }
     // Recorded count of every step, in step order.
     static std::vector<uint32_t> counts(const libqz_cap_ctrl_info_t &c) {

@@ -3,7 +3,7 @@
 
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "libqz_cap.h"
 #include "p_libpub.pb-c.h"
 
 namespace {
@@ -12,8 +12,7 @@ using core_expect::only_record_is;
 using core_expect::record_is;
 using fake::P;
 
-int g_bus;
-void *const kGlobal = &g_bus;
+using fake::kGlobal;
 constexpr char kFunc[] = "libqz_cap_get_local_ready_thread";
 
 // A stored state record as the bus hands it out; ready may be any int.

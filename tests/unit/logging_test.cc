@@ -17,7 +17,7 @@
 #include "core/log.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "core/core.h"
 
 namespace {
 
@@ -26,8 +26,7 @@ using core_expect::record_is;
 using fake::P;
 namespace fs = std::filesystem;
 
-int g_bus;
-void *const kGlobal = &g_bus;
+using fake::kGlobal;
 
 // Each test gets its own data root with the level directory in it.
 class LevelFiles : public fake::Test {

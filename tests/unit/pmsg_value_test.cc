@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "fake_platform.h"
-#include "internal.h"
+#include "libqz_cap.h"
 #include "p_libpub.pb-c.h"
 #include "sub_support.h"
 

@@ -10,14 +10,18 @@
 
 #include "core/alloc.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "query/query.h"
+#include "sub/sub.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
 
 namespace read_support {
 
-inline int g_bus;
-inline void *const kGlobal = &g_bus;
+using fake::kFree;
+using fake::kGlobal;
+using fake::kHget;
+using fake::kHgetExt;
+using fake::kScan;
 inline constexpr char kDumpFunc[] = "libqz_cap_dump_sub_hash_thread";
 
 // A stored capability row as the bus hands it out: `fields` are the field

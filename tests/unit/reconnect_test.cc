@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 #include "sub_support.h"
 
 namespace {

@@ -10,7 +10,7 @@
 
 #include "core/alloc.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 #include "sub_support.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "core/core.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "core/alloc.h"
 #include "core_expect.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 
 namespace sub_support {
 

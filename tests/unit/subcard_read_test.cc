@@ -17,10 +17,6 @@ using Strings = std::vector<std::string>;
 
 constexpr char kBool[] = "libqz_cap_get_subcard_capacity_bool";
 constexpr char kInt[] = "libqz_cap_get_subcard_capacity_int32";
-constexpr char kHget[] = "qz_mom_hgetall_sync";
-constexpr char kHgetExt[] = "qz_mom_hgetall_ext_sync";
-constexpr char kFree[] = "qz_mom_hash_res_free";
-constexpr char kScan[] = "qz_mom_scan_sync";
 
 std::string entry(const char *url, int32_t nodeid) {
     char buf[300];

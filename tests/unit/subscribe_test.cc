@@ -4,9 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "core/state.h"
 #include "fake_platform.h"
-#include "internal.h"
+#include "sub/sub.h"
 #include "p_libpub.pb-c.h"
 #include "sub_support.h"
 
@@ -22,8 +21,9 @@ using sub_support::ptr;
 using sub_support::tail_fun;
 using sub_support::text;
 
-int g_bus, g_arg;
-void *const kGlobal = &g_bus;
+using fake::kGlobal;
+
+int g_arg;
 constexpr char kBoolFn[] = "libqz_cap_ce_subscribe_g_cap_bool_ext_thread";
 constexpr char kInt32Fn[] = "libqz_cap_ce_subscribe_g_cap_int32_ext_thread";
 constexpr char kStateFn[] = "libqz_cap_ce_subscribe_g_cap_state_thread";

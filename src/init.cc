@@ -1,35 +1,14 @@
-// Initialisation: binds a client context to a bus handle.
+// Initialisation: binds a client context to a bus handle. It wires every
+// subsystem together (the registry and its renewal, the subcard node list,
+// the debug module), so it sits above them all.
 #include <unistd.h>
 
-#include <cstdlib>
-
+#include "core/bus.h"
+#include "core/core.h"
 #include "core/log.h"
-#include "core/state.h"
-#include "internal.h"
-#include "qz_mom.h"
-
-namespace {
-
-// The device's buffer for the application name.
-constexpr uint32_t kAppNameLen = 128;
-// Subscriptions the registry is sized for (42 buckets).
-constexpr uint32_t kRegistrySize = 32;
-
-int32_t free_record_cb(void *item, void *registry) {
-    qz_cap_hash_del_item(static_cast<qz_cap_hash_table *>(registry), item);
-    free(item);
-    return 0;
-}
-
-// The table's destroy frees neither its nodes nor its items, so the records
-// leave the table (freeing their nodes) and are freed before it goes.
-void destroy_registry(libqz_cap_ctrl_info_t *ctx) {
-    qz_cap_hash_each_item_op(ctx->sub_hash, free_record_cb, ctx->sub_hash);
-    qz_cap_destroy_hash(ctx->sub_hash);
-    ctx->sub_hash = nullptr;
-}
-
-}  // namespace
+#include "dbg/dbg.h"
+#include "query/query.h"
+#include "sub/sub.h"
 
 extern "C" {
 
@@ -41,7 +20,7 @@ int32_t libqz_cap_init_thread(void *global, const char *reg_name, libqz_cap_ctrl
         return 0;
 
     libqz_cap_rec_time_thread(LIBQZ_CAP_INIT_START, ctx);
-    char name[kAppNameLen];
+    char name[qzcap::kAppNameLen];
     libqz_cap_get_app_name(getpid(), name, sizeof name);
     libqz_cap_rec_time_thread(LIBQZ_CAP_INIT_GET_APP_NAME, ctx);
 
@@ -49,9 +28,7 @@ int32_t libqz_cap_init_thread(void *global, const char *reg_name, libqz_cap_ctrl
         QZ_LOG(1, qzcap::kError, "failed,rv %d", rv);
         return rv;
     }
-    // Emptied, not freed: nodes handed out stay valid for their holders.
-    cap_sub_card_nodes_list.next = &cap_sub_card_nodes_list;
-    cap_sub_card_nodes_list.prev = &cap_sub_card_nodes_list;
+    qzcap::forget_subcard_nodes();
     libqz_cap_rec_time_thread(LIBQZ_CAP_INIT_ZLOG_INIT, ctx);
 
     QZ_LOG(2, qzcap::kWarn, "enter global %p reg_name %s info %p", global, reg_name, ctx);
@@ -64,7 +41,7 @@ int32_t libqz_cap_init_thread(void *global, const char *reg_name, libqz_cap_ctrl
             reg_name, ctx->global);
     }
 
-    int32_t rv = qz_mom_client_connect_sync(global, LIBQZ_CAP_DB);
+    int32_t rv = qz_mom_client_connect_sync(global, qzcap::kCapDb);
     libqz_cap_rec_time_thread(LIBQZ_CAP_INIT_CON_HOST, ctx);
     if (rv != 0) {
         QZ_LOG(1, qzcap::kError, "connect host failed, rv %d", rv);
@@ -72,21 +49,17 @@ int32_t libqz_cap_init_thread(void *global, const char *reg_name, libqz_cap_ctrl
     }
 
     // An existing registry keeps its subscriptions across a rebinding.
-    if (ctx->sub_hash == nullptr) {
-        ctx->sub_hash = qz_cap_create_hash(kRegistrySize, libqz_cap_sub_hash_index_cb,
-                                           libqz_cap_cmp_sub_hash_item);
-        if (ctx->sub_hash == nullptr) {
-            QZ_LOG(1, qzcap::kError, "global %p sub_hash create failed", global);
-            return LIBQZ_CAP_E_INIT;
-        }
+    if (ctx->sub_hash == nullptr && !qzcap::sub::create_registry(ctx)) {
+        QZ_LOG(1, qzcap::kError, "global %p sub_hash create failed", global);
+        return LIBQZ_CAP_E_INIT;
     }
     libqz_cap_rec_time_thread(LIBQZ_CAP_INIT_HASH, ctx);
 
-    rv = qz_mom_client_set_reconnect_cb(global, LIBQZ_CAP_DB, libqz_cap_reconnect_cap_thread, ctx);
+    rv = qz_mom_client_set_reconnect_cb(global, qzcap::kCapDb, libqz_cap_reconnect_cap_thread, ctx);
     if (rv != 0) {
         QZ_LOG(1, qzcap::kError, "qz_mom_client_set_reconnect_cb cap failed, rv %d", rv);
         // Without renewal the records could never be used again.
-        destroy_registry(ctx);
+        qzcap::sub::destroy_registry(ctx);
         return rv;
     }
     libqz_cap_rec_time_thread(LIBQZ_CAP_INIT_RECON_HOST, ctx);
