@@ -115,7 +115,7 @@ class RestartTest : public AppTest {
 };
 
 TEST_P(RestartTest, SubscriptionsAreRenewedOnceAndDeliverAfterTheServerRestarts) {
-    momtest::RedisServer *server = private_redis();
+    qztest::TestRedisServer *server = private_redis();
     ASSERT_NE(server, nullptr);
 
     ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_bool_ext_thread(app_, kPoe, on_bool, &seen_, ctx_), 0);
@@ -161,11 +161,11 @@ TEST_P(RestartTest, SubscriptionsAreRenewedOnceAndDeliverAfterTheServerRestarts)
     // An operator's write before the library renewed: the renewed field
     // subscriptions must still deliver it.
     {
-        momtest::RedisPtr c = server->client();
+        qztest::RedisPtr c = server->client();
         ASSERT_NE(c, nullptr);
         for (auto [url, field, value] : {std::tuple{kPoe, "6", "0"}, std::tuple{kMtu, "7", "9000"}})
-            momtest::command(c.get(),
-                             {"HSET", std::string("p_libpub.cap_table|") + url, field, value});
+            qztest::command(c.get(),
+                            {"HSET", std::string("p_libpub.cap_table|") + url, field, value});
     }
     ASSERT_EQ(qz_mom_test_subscription_count(app_), 0u)
         << "renewed before the write: rerun, the write must precede renewal";
