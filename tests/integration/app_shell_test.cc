@@ -19,6 +19,7 @@
 
 #include "app_fixture.h"
 #include "kril_shell.h"
+#include "standard_streams.h"
 
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -144,15 +145,7 @@ TEST_F(OperatorSession, CollectLeavesTheStandardStreamsAsTheyWere) {
     char root[] = "/tmp/qzcap-collect-XXXXXX";
     ASSERT_NE(mkdtemp(root), nullptr);
     setenv("QZCAP_DATA_ROOT", root, 1);
-    auto identity = [] {
-        std::vector<std::pair<dev_t, ino_t>> ids;
-        for (int fd = 0; fd <= 2; ++fd) {
-            struct stat st {};
-            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
-            ids.emplace_back(st.st_dev, st.st_ino);
-        }
-        return ids;
-    };
+    auto identity = qztest::standard_stream_ids;
 
     ::testing::internal::CaptureStderr();
     const auto before = identity();

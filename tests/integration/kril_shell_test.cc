@@ -26,6 +26,7 @@
 
 #include "kril.h"
 #include "kril_shell.h"
+#include "standard_streams.h"
 
 namespace {
 
@@ -391,15 +392,7 @@ TEST_F(KrilShell, RequesterThatLeavesCostsNothing) {
 }
 
 TEST_F(KrilShell, StandardDescriptorsAreAsBeforeAfterACommand) {
-    auto identity = [] {
-        std::vector<std::pair<dev_t, ino_t>> ids;
-        for (int fd = 0; fd <= 2; ++fd) {
-            struct stat st {};
-            EXPECT_EQ(fstat(fd, &st), 0) << "descriptor " << fd;
-            ids.emplace_back(st.st_dev, st.st_ino);
-        }
-        return ids;
-    };
+    auto identity = qztest::standard_stream_ids;
     const auto before = identity();
     Reply r = ask("kt grab");
     ASSERT_EQ(r.code, 0) << r.err;

@@ -31,7 +31,7 @@ std::string find_redis_server() {
 
 bool answers_ping(const std::string &socket) {
     std::string why;
-    RedisPtr c = connect("unix:" + socket, 0, &why);
+    RedisPtr c = connect("unix:" + socket, 0, &why, std::chrono::milliseconds(500));
     // Any answer will do: a server wanting a password answers NOAUTH.
     return c != nullptr && command(c.get(), {"PING"}, &why) != nullptr;
 }

@@ -7,6 +7,7 @@
 
 #include <hiredis.h>
 
+#include <chrono>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -24,8 +25,10 @@ using RedisPtr = std::unique_ptr<redisContext, RedisFree>;
 using ReplyPtr = std::unique_ptr<redisReply, RedisFree>;
 
 // A connection to "unix:PATH" or "redis://HOST[:PORT]" with database db
-// selected; null with *why set when there is none.
-RedisPtr connect(const std::string &uri, int db, std::string *why);
+// selected; null with *why set when there is none. A non-zero reply_timeout
+// bounds every later read and write: a lost reply fails, never hangs.
+RedisPtr connect(const std::string &uri, int db, std::string *why,
+                 std::chrono::milliseconds reply_timeout = {});
 
 // Runs one command; null with *why set when the connection failed. A reply
 // of type REDIS_REPLY_ERROR is returned as it came.
