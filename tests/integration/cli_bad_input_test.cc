@@ -13,7 +13,6 @@
 namespace clitest {
 namespace {
 
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 class CliBadInput : public CliTest {
