@@ -84,19 +84,23 @@ TEST_F(CliBadInput, ValuesAreCheckedEvenWithNoStoreGiven) {
     expect_store_empty();
 }
 
-TEST_F(CliBadInput, UsageErrorsAreOneLine) {
-    const std::vector<std::vector<std::string>> cases = {
-        {},        {"frobnicate"}, {"get"}, {"set", "a/b", "int32"}, {"get", "a/b", "--bogus"},
-        {"store"}, {"load"},
-    };
-    for (const auto &args : cases) {
-        Ran r = run(args);
-        EXPECT_EQ(r.status, 1) << testing::PrintToString(args);
-        EXPECT_EQ(r.out, "");
-        EXPECT_THAT(r.err, StartsWith("qzcap: "));
-        EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
-    }
+const std::vector<std::string> kUsageErrors[] = {
+    {},        {"frobnicate"}, {"get"}, {"set", "a/b", "int32"}, {"get", "a/b", "--bogus"},
+    {"store"}, {"load"},
+};
+
+class CliUsageError : public CliBadInput,
+                      public ::testing::WithParamInterface<std::vector<std::string>> {};
+
+TEST_P(CliUsageError, IsOneLine) {
+    Ran r = run(GetParam());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_THAT(r.err, StartsWith("qzcap: "));
+    EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
 }
+
+INSTANTIATE_TEST_SUITE_P(Usage, CliUsageError, ::testing::ValuesIn(kUsageErrors));
 
 // A device description's text and what qzcap says of it after the file's name.
 struct BadDescription {
