@@ -5,6 +5,8 @@
 #ifndef QZCAP_FUZZ_LINES_H
 #define QZCAP_FUZZ_LINES_H
 
+#include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
@@ -14,15 +16,13 @@ namespace fuzz {
 
 inline std::string unescape(std::string_view s) {
     std::string out;
-    auto hex = [](char c) {
-        if (c >= '0' && c <= '9')
-            return c - '0';
-        if (c >= 'a' && c <= 'f')
-            return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F')
-            return c - 'A' + 10;
-        return -1;
+    // The byte that the two hex digits at s[at] spell, when they are two.
+    auto hex_byte = [s](size_t at, uint8_t *byte) {
+        const char *first = s.data() + at;
+        const auto [end, ec] = std::from_chars(first, first + 2, *byte, 16);
+        return ec == std::errc() && end == first + 2;
     };
+    uint8_t byte = 0;
     for (size_t i = 0; i < s.size(); ++i) {
         if (s[i] != '\\' || i + 1 == s.size()) {
             out += s[i];
@@ -32,8 +32,8 @@ inline std::string unescape(std::string_view s) {
         if (e == 'n' || e == 'r' || e == '\\') {
             out += e == 'n' ? '\n' : e == 'r' ? '\r' : '\\';
             ++i;
-        } else if (e == 'x' && i + 3 < s.size() && hex(s[i + 2]) >= 0 && hex(s[i + 3]) >= 0) {
-            out += static_cast<char>(hex(s[i + 2]) * 16 + hex(s[i + 3]));
+        } else if (e == 'x' && i + 3 < s.size() && hex_byte(i + 2, &byte)) {
+            out += static_cast<char>(byte);
             i += 3;
         } else {
             out += s[i];

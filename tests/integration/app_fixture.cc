@@ -10,12 +10,35 @@ namespace app {
 
 namespace {
 
-constexpr int32_t kDb = 3;
+constexpr int32_t kDb = qztest::kCapDb;
 
 template <class Msg>
 int32_t write(void *global, Msg &msg, std::initializer_list<int32_t> fields) {
     std::vector<int32_t> f(fields);
     return qz_mom_write(global, kDb, &msg.base, static_cast<uint32_t>(f.size()), f.data());
+}
+
+// One field of url's capability record, set by `set`.
+template <class Set>
+int32_t write_cap(void *global, const char *url, int32_t field, Set set) {
+    PLibpub__CapTableIndex index = P_LIBPUB__CAP_TABLE_INDEX__INIT;
+    index.url = const_cast<char *>(url);
+    PLibpub__CapTable rec = P_LIBPUB__CAP_TABLE__INIT;
+    rec.index = &index;
+    set(rec);
+    return write(global, rec, {field});
+}
+
+// One field of url's capability record on subcard nodeid, set by `set`.
+template <class Set>
+int32_t write_subcard_cap(void *global, int32_t nodeid, const char *url, int32_t field, Set set) {
+    PLibpub__CapSubcardTableIndex index = P_LIBPUB__CAP_SUBCARD_TABLE_INDEX__INIT;
+    index.nodeid = nodeid;
+    index.url = const_cast<char *>(url);
+    PLibpub__CapSubcardTable rec = P_LIBPUB__CAP_SUBCARD_TABLE__INIT;
+    rec.index = &index;
+    set(rec);
+    return write(global, rec, {field});
 }
 
 // The library's log goes to a file of our own, so that tests can count its
@@ -49,26 +72,6 @@ class LogFile : public ::testing::Environment {
 [[maybe_unused]] ::testing::Environment *const g_log_file =
     ::testing::AddGlobalTestEnvironment(new LogFile);
 
-momtest::RedisPtr connect(const std::string &uri) {
-    momtest::RedisPtr c;
-    if (uri.rfind("unix:", 0) == 0) {
-        c.reset(redisConnectUnix(uri.substr(5).c_str()));
-    } else if (uri.rfind("redis://", 0) == 0) {
-        const std::string hostport = uri.substr(8);
-        const size_t colon = hostport.rfind(':');
-        c.reset(colon == std::string::npos
-                    ? redisConnect(hostport.c_str(), 6379)
-                    : redisConnect(hostport.substr(0, colon).c_str(),
-                                   atoi(hostport.substr(colon + 1).c_str())));
-    }
-    if (c == nullptr || c->err != 0) {
-        ADD_FAILURE() << "cannot connect to " << uri << ": "
-                      << (c != nullptr ? c->errstr : "unsupported URI");
-        return nullptr;
-    }
-    return c;
-}
-
 }  // namespace
 
 bool external_server() {
@@ -76,8 +79,8 @@ bool external_server() {
     return env != nullptr && env[0] != '\0' && std::string(env).rfind("mem:", 0) != 0;
 }
 
-momtest::RedisServer *private_redis() {
-    static momtest::RedisServer server;
+qztest::TestRedisServer *private_redis() {
+    static qztest::TestRedisServer server;
     // Also brings it back after a test that killed it and failed.
     const std::string why = server.start();
     if (!why.empty()) {
@@ -96,15 +99,17 @@ std::string store_uri(const std::string &store, const std::string &test_name) {
     if (external_server()) {
         uri = getenv("QZCAP_TEST_STORE");
     } else {
-        momtest::RedisServer *server = private_redis();
+        qztest::TestRedisServer *server = private_redis();
         if (server == nullptr)
             return "unix:/nonexistent/redis.sock";
         uri = server->uri();
     }
-    momtest::RedisPtr c = connect(uri);
-    if (c != nullptr) {
-        momtest::command(c.get(), {"SELECT", std::to_string(kDb)});
-        momtest::ReplyPtr r = momtest::command(c.get(), {"FLUSHDB"});
+    std::string why;
+    qztest::RedisPtr c = qztest::connect(uri, kDb, &why);
+    if (c == nullptr) {
+        ADD_FAILURE() << why;
+    } else {
+        qztest::ReplyPtr r = qztest::command(c.get(), {"FLUSHDB"});
         if (r == nullptr || r->type == REDIS_REPLY_ERROR)
             ADD_FAILURE() << "FLUSHDB of database " << kDb << " on " << uri << " failed";
     }
@@ -129,39 +134,20 @@ size_t log_records_containing(const std::string &text) {
 }
 
 int32_t Publisher::cap_bool(const char *url, bool v) {
-    PLibpub__CapTableIndex index = P_LIBPUB__CAP_TABLE_INDEX__INIT;
-    index.url = const_cast<char *>(url);
-    PLibpub__CapTable rec = P_LIBPUB__CAP_TABLE__INIT;
-    rec.index = &index;
-    rec.bool_value = v;
-    return write(global_, rec, {6});
+    return write_cap(global_, url, 6, [&](PLibpub__CapTable &r) { r.bool_value = v; });
 }
 
 int32_t Publisher::cap_int32(const char *url, int32_t v) {
-    PLibpub__CapTableIndex index = P_LIBPUB__CAP_TABLE_INDEX__INIT;
-    index.url = const_cast<char *>(url);
-    PLibpub__CapTable rec = P_LIBPUB__CAP_TABLE__INIT;
-    rec.index = &index;
-    rec.int32_value = v;
-    return write(global_, rec, {7});
+    return write_cap(global_, url, 7, [&](PLibpub__CapTable &r) { r.int32_value = v; });
 }
 
 int32_t Publisher::cap_str(const char *url, const char *v) {
-    PLibpub__CapTableIndex index = P_LIBPUB__CAP_TABLE_INDEX__INIT;
-    index.url = const_cast<char *>(url);
-    PLibpub__CapTable rec = P_LIBPUB__CAP_TABLE__INIT;
-    rec.index = &index;
-    rec.str_value = const_cast<char *>(v);
-    return write(global_, rec, {8});
+    return write_cap(global_, url, 8,
+                     [&](PLibpub__CapTable &r) { r.str_value = const_cast<char *>(v); });
 }
 
 int32_t Publisher::cap_pri_only(const char *url, int32_t pri) {
-    PLibpub__CapTableIndex index = P_LIBPUB__CAP_TABLE_INDEX__INIT;
-    index.url = const_cast<char *>(url);
-    PLibpub__CapTable rec = P_LIBPUB__CAP_TABLE__INIT;
-    rec.index = &index;
-    rec.pri = pri;
-    return write(global_, rec, {21});
+    return write_cap(global_, url, 21, [&](PLibpub__CapTable &r) { r.pri = pri; });
 }
 
 int32_t Publisher::local_ready(bool ready) {
@@ -199,23 +185,13 @@ int32_t Publisher::subcard_state(int32_t nodeid, int32_t config_dev_type, bool r
 }
 
 int32_t Publisher::subcard_cap_bool(int32_t nodeid, const char *url, bool v) {
-    PLibpub__CapSubcardTableIndex index = P_LIBPUB__CAP_SUBCARD_TABLE_INDEX__INIT;
-    index.nodeid = nodeid;
-    index.url = const_cast<char *>(url);
-    PLibpub__CapSubcardTable rec = P_LIBPUB__CAP_SUBCARD_TABLE__INIT;
-    rec.index = &index;
-    rec.bool_value = v;
-    return write(global_, rec, {6});
+    return write_subcard_cap(global_, nodeid, url, 6,
+                             [&](PLibpub__CapSubcardTable &r) { r.bool_value = v; });
 }
 
 int32_t Publisher::subcard_cap_int32(int32_t nodeid, const char *url, int32_t v) {
-    PLibpub__CapSubcardTableIndex index = P_LIBPUB__CAP_SUBCARD_TABLE_INDEX__INIT;
-    index.nodeid = nodeid;
-    index.url = const_cast<char *>(url);
-    PLibpub__CapSubcardTable rec = P_LIBPUB__CAP_SUBCARD_TABLE__INIT;
-    rec.index = &index;
-    rec.int32_value = v;
-    return write(global_, rec, {7});
+    return write_subcard_cap(global_, nodeid, url, 7,
+                             [&](PLibpub__CapSubcardTable &r) { r.int32_value = v; });
 }
 
 void AppTest::SetUp() {

@@ -6,20 +6,18 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "callback_inbox.h"
 #include "libqz_cap.h"
-#include "mom_redis_server.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
 #include "qz_mom.h"
 #include "qz_mom_client.h"
 #include "qz_mom_test.h"
+#include "redis_test_server.h"
 #include "s_frame.pb-c.h"
 
 namespace app {
@@ -35,7 +33,7 @@ std::string store_uri(const std::string &test_name);
 
 // The binary's private redis-server, started on first use; nullptr (and a
 // test failure saying why) when it cannot run.
-momtest::RedisServer *private_redis();
+qztest::TestRedisServer *private_redis();
 
 // Whether $QZCAP_TEST_STORE names a server in place of the private one.
 bool external_server();
@@ -70,38 +68,7 @@ class Publisher {
     void *global_;
 };
 
-// Collects what callbacks on the bus's thread see, for the test's thread.
-template <class T>
-class Inbox {
-  public:
-    void push(T v) {
-        std::lock_guard<std::mutex> lock(m_);
-        items_.push_back(std::move(v));
-        cv_.notify_all();
-    }
-    // Waits until at least n items arrived (false after the timeout).
-    bool wait_for(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock<std::mutex> lock(m_);
-        return cv_.wait_for(lock, timeout, [&] { return items_.size() >= n; });
-    }
-    std::vector<T> items() {
-        std::lock_guard<std::mutex> lock(m_);
-        return items_;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(m_);
-        items_.clear();
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> lock(m_);
-        return items_.size();
-    }
-
-  private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::vector<T> items_;
-};
+using qztest::Inbox;
 
 // A platform handle and an application handle on one fresh store (the
 // parameter), and an application context initialised on the application

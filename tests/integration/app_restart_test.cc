@@ -36,33 +36,27 @@ struct Seen {
     Inbox<libqz_cap_subcard_msg_t> subcards;
 };
 
-int32_t on_bool(void *, qz_mom_pmsg_t *pmsg, void *arg) {
+// The push callback of one value kind: its confirmation counted as `tag`,
+// its values read with `extract` into `inbox`.
+template <class Value, auto extract, int tag, auto inbox>
+int32_t on_push(void *, qz_mom_pmsg_t *pmsg, void *arg) {
     auto *seen = static_cast<Seen *>(arg);
     if (pmsg->cmd == QZ_MOM_CMD_SUBSCRIBED) {
-        seen->confirmations.push(0);
+        seen->confirmations.push(tag);
         return 0;
     }
     char url[256] = {};
-    bool value = false;
+    Value value{};
     uint32_t len = 0;
-    if (libqz_cap_ce_get_g_cap_bool_by_pmsg(pmsg, sizeof url, url, &value, &len) == 0)
-        seen->bools.push({url, value});
+    if (extract(pmsg, sizeof url, url, &value, &len) == 0)
+        (seen->*inbox).push({url, value});
     return 0;
 }
 
-int32_t on_int(void *, qz_mom_pmsg_t *pmsg, void *arg) {
-    auto *seen = static_cast<Seen *>(arg);
-    if (pmsg->cmd == QZ_MOM_CMD_SUBSCRIBED) {
-        seen->confirmations.push(1);
-        return 0;
-    }
-    char url[256] = {};
-    int32_t value = 0;
-    uint32_t len = 0;
-    if (libqz_cap_ce_get_g_cap_int32_by_pmsg(pmsg, sizeof url, url, &value, &len) == 0)
-        seen->ints.push({url, value});
-    return 0;
-}
+constexpr qz_mom_record_cb on_bool =
+    on_push<bool, libqz_cap_ce_get_g_cap_bool_by_pmsg, 0, &Seen::bools>;
+constexpr qz_mom_record_cb on_int =
+    on_push<int32_t, libqz_cap_ce_get_g_cap_int32_by_pmsg, 1, &Seen::ints>;
 
 int32_t on_glb_ready(void *, void *arg) {
     static_cast<Seen *>(arg)->glb_ready.push(0);
@@ -115,7 +109,7 @@ class RestartTest : public AppTest {
 };
 
 TEST_P(RestartTest, SubscriptionsAreRenewedOnceAndDeliverAfterTheServerRestarts) {
-    momtest::RedisServer *server = private_redis();
+    qztest::TestRedisServer *server = private_redis();
     ASSERT_NE(server, nullptr);
 
     ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_bool_ext_thread(app_, kPoe, on_bool, &seen_, ctx_), 0);
@@ -161,11 +155,11 @@ TEST_P(RestartTest, SubscriptionsAreRenewedOnceAndDeliverAfterTheServerRestarts)
     // An operator's write before the library renewed: the renewed field
     // subscriptions must still deliver it.
     {
-        momtest::RedisPtr c = server->client();
+        qztest::RedisPtr c = server->client();
         ASSERT_NE(c, nullptr);
         for (auto [url, field, value] : {std::tuple{kPoe, "6", "0"}, std::tuple{kMtu, "7", "9000"}})
-            momtest::command(c.get(),
-                             {"HSET", std::string("p_libpub.cap_table|") + url, field, value});
+            qztest::command(c.get(),
+                            {"HSET", std::string("p_libpub.cap_table|") + url, field, value});
     }
     ASSERT_EQ(qz_mom_test_subscription_count(app_), 0u)
         << "renewed before the write: rerun, the write must precede renewal";

@@ -120,10 +120,15 @@ TEST_P(AppTest, EveryInitialisationKeepsTheOneLoggingCategory) {
     }
 }
 
+// A field of url's capability record as another writer would store it.
+int32_t write_raw(void *global, const std::string &url, const char *field,
+                  const std::string &value) {
+    const std::string key = "p_libpub.cap_table|" + url;
+    return qz_mom_hset_raw(global, qztest::kCapDb, key.c_str(), field, value.data(), value.size());
+}
+
 TEST_P(AppTest, AMalformedStoredValueIsABusFailureNotAValue) {
-    ASSERT_EQ(qz_mom_hset_raw(platform_, 3, "p_libpub.cap_table|global_spec/platform/bad", "7",
-                              "twelve", 6),
-              0);
+    ASSERT_EQ(write_raw(platform_, "global_spec/platform/bad", "7", "twelve"), 0);
     int32_t n = 0;
     EXPECT_EQ(
         libqz_cap_get_capacity_int32_no_block_thread(app_, "global_spec/platform/bad", ctx_, &n),
@@ -133,9 +138,7 @@ TEST_P(AppTest, AMalformedStoredValueIsABusFailureNotAValue) {
 
 TEST_P(AppTest, AFieldANewerPublisherAddedDoesNotSilenceTheCapability) {
     ASSERT_EQ(pub_->cap_int32("global_spec/platform/mtu", 1500), 0);
-    ASSERT_EQ(qz_mom_hset_raw(platform_, 3, "p_libpub.cap_table|global_spec/platform/mtu", "31",
-                              "jumbo", 5),
-              0);
+    ASSERT_EQ(write_raw(platform_, "global_spec/platform/mtu", "31", "jumbo"), 0);
     int32_t n = 0;
     EXPECT_EQ(
         libqz_cap_get_capacity_int32_no_block_thread(app_, "global_spec/platform/mtu", ctx_, &n),
@@ -203,6 +206,16 @@ class SubscriptionTest : public AppTest {
         g_glb_ready_calls.clear();
         g_subcard_msgs.clear();
     }
+
+    // The boolean poe (ctx_ its argument too) and the int32 mtu.
+    void subscribe_poe_and_mtu() {
+        ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_bool_ext_thread(app_, "global_spec/platform/poe",
+                                                               on_bool, ctx_, ctx_),
+                  0);
+        ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_int32_thread(app_, "global_spec/platform/mtu",
+                                                            on_int, ctx_),
+                  0);
+    }
 };
 
 std::vector<std::pair<std::string, int32_t>> flat(const std::vector<Push> &pushes) {
@@ -213,12 +226,7 @@ std::vector<std::pair<std::string, int32_t>> flat(const std::vector<Push> &pushe
 }
 
 TEST_P(SubscriptionTest, EachChangeReachesTheSubscriberWithItsUrlAndValue) {
-    ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_bool_ext_thread(app_, "global_spec/platform/poe",
-                                                           on_bool, ctx_, ctx_),
-              0);
-    ASSERT_EQ(
-        libqz_cap_ce_subscribe_g_cap_int32_thread(app_, "global_spec/platform/mtu", on_int, ctx_),
-        0);
+    ASSERT_NO_FATAL_FAILURE(subscribe_poe_and_mtu());
     ASSERT_TRUE(g_confirmations.wait_for(2));
 
     // One change at a time: a server store reads the record after each change
@@ -257,12 +265,7 @@ TEST_P(SubscriptionTest, GlobalReadinessStoredBeforeTheSubscriptionIsDeliveredTo
 
 TEST_P(SubscriptionTest, AfterAReconnectEveryRecordedSubscriptionDeliversAgain) {
     int tag = 0;
-    ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_bool_ext_thread(app_, "global_spec/platform/poe",
-                                                           on_bool, ctx_, ctx_),
-              0);
-    ASSERT_EQ(
-        libqz_cap_ce_subscribe_g_cap_int32_thread(app_, "global_spec/platform/mtu", on_int, ctx_),
-        0);
+    ASSERT_NO_FATAL_FAILURE(subscribe_poe_and_mtu());
     ASSERT_EQ(libqz_cap_ce_subscribe_g_cap_state_thread(app_, "glb", on_glb_ready, &tag, ctx_), 0);
     ASSERT_EQ(libqz_cap_subscribe_subcard_state(app_, ctx_, on_subcard, nullptr), 0);
     ASSERT_TRUE(g_confirmations.wait_for(2));

@@ -1,9 +1,8 @@
 // qzcap store up / store down: a private redis-server in a directory of the
 // user's own, set up for the bus, that outlives qzcap until it is stopped.
-#include <signal.h>
 #include <sys/stat.h>
 
-#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -18,6 +17,7 @@ namespace clitest {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using Json = nlohmann::json;
 
 // Stops whatever `store up` started in dir, whatever the test did.
@@ -27,10 +27,11 @@ struct StoreGuard {
 };
 
 std::string config(const std::string &socket, const std::string &name) {
-    momtest::RedisPtr c(redisConnectUnix(socket.c_str()));
-    if (c == nullptr || c->err != 0)
+    std::string why;
+    qztest::RedisPtr c = qztest::connect("unix:" + socket, 0, &why);
+    if (c == nullptr)
         return "<no connection>";
-    momtest::ReplyPtr r = momtest::command(c.get(), {"CONFIG", "GET", name});
+    qztest::ReplyPtr r = qztest::command(c.get(), {"CONFIG", "GET", name});
     if (r == nullptr || r->elements != 2)
         return "<no answer>";
     return std::string(r->element[1]->str, r->element[1]->len);
@@ -38,12 +39,19 @@ std::string config(const std::string &socket, const std::string &name) {
 
 // Running: neither gone nor a zombie waiting for init to reap it.
 bool alive(pid_t pid) {
-    if (kill(pid, 0) != 0 && errno == ESRCH)
-        return false;
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string text;
     std::getline(stat, text);
-    return text.find(") Z ") == std::string::npos;
+    // "PID (NAME) STATE ...", and NAME may hold anything.
+    const size_t state = text.rfind(") ");
+    return state != std::string::npos && text.compare(state, 3, ") Z") != 0;
+}
+
+// Whether a redis-server answers on socket.
+bool answers(const std::string &socket) {
+    std::string why;
+    qztest::RedisPtr c = qztest::connect("unix:" + socket, 0, &why);
+    return c != nullptr && qztest::command(c.get(), {"PING"}, &why) != nullptr;
 }
 
 TEST(CliStore, UpStartsAServerForTheBusAndDownStopsIt) {
@@ -128,6 +136,38 @@ TEST(CliStore, PlacesItCannotUseAndAMissingServerAreOneLine) {
     EXPECT_EQ(r.err,
               "qzcap: redis-server not found: install the redis-server package "
               "(scripts/install-deps.sh does)\n");
+}
+
+TEST(CliStore, UpStopsTheServerItGaveUpWaitingFor) {
+    // A redis-server that starts, detaches and listens where store up does
+    // not look, as a server too slow to answer in time would seem.
+    TempDir tmp;
+    const std::string dir = tmp.path() + "/store", elsewhere = tmp.path() + "/elsewhere.sock";
+    const char *path = getenv("PATH");
+    ASSERT_NE(path, nullptr);
+    const std::string bin = tmp.path() + "/bin";
+    ASSERT_EQ(mkdir(bin.c_str(), 0700), 0);
+    const std::string wrapper = bin + "/redis-server";
+    std::ofstream(wrapper) << "#!/bin/sh\nPATH='" << path << "'\nexec redis-server \"$@\" "
+                           << "--unixsocket " << elsewhere << "\n";
+    ASSERT_EQ(chmod(wrapper.c_str(), 0700), 0);
+    struct ShutDown {  // should the tool have left it running
+        std::string socket;
+        ~ShutDown() {
+            std::string why;
+            qztest::RedisPtr c = qztest::connect("unix:" + socket, 0, &why);
+            if (c != nullptr)
+                qztest::command(c.get(), {"SHUTDOWN", "NOSAVE"}, &why);
+        }
+    } shut_down{elsewhere};
+
+    Ran r = qzcap({"--timeout", "0.5", "store", "up", "--dir", dir}, {{"PATH", bin + ":" + path}});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_THAT(r.err,
+                StartsWith("qzcap: redis-server in " + dir + " did not answer within 0.5 s"));
+    EXPECT_EQ(r.out, "");
+    EXPECT_FALSE(answers(elsewhere)) << "the server it started still runs";
+    EXPECT_FALSE(std::filesystem::exists(dir + "/redis.pid"));
 }
 
 TEST(CliHelp, HelpOnTheToolAndEachCommandAndTheVersion) {

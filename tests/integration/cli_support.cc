@@ -183,10 +183,10 @@ std::string Background::err() const {
     return slurp(err_file_);
 }
 
-std::unique_ptr<momtest::RedisServer> CliTest::server_;
+std::unique_ptr<qztest::TestRedisServer> CliTest::server_;
 
 void CliTest::SetUpTestSuite() {
-    server_ = std::make_unique<momtest::RedisServer>();
+    server_ = std::make_unique<qztest::TestRedisServer>();
     const std::string why = server_->start();
     ASSERT_EQ(why, "");
 }
@@ -197,19 +197,19 @@ void CliTest::TearDownTestSuite() {
 
 void CliTest::SetUp() {
     ASSERT_EQ(server_->start(), "");  // again, when a test stopped it
-    momtest::RedisPtr c = server_->client(0);
+    qztest::RedisPtr c = server_->client(0);
     ASSERT_NE(c, nullptr);
-    momtest::ReplyPtr r = momtest::command(c.get(), {"FLUSHALL"});
+    qztest::ReplyPtr r = qztest::command(c.get(), {"FLUSHALL"});
     ASSERT_NE(r, nullptr);
 }
 
-momtest::ReplyPtr CliTest::redis(std::initializer_list<std::string> args) {
-    momtest::RedisPtr c = server_->client();
-    return momtest::command(c.get(), args);
+qztest::ReplyPtr CliTest::redis(std::initializer_list<std::string> args) {
+    qztest::RedisPtr c = server_->client();
+    return qztest::command(c.get(), args);
 }
 
 std::vector<std::string> CliTest::hash(const std::string &key) {
-    momtest::ReplyPtr r = redis({"HGETALL", key});
+    qztest::ReplyPtr r = redis({"HGETALL", key});
     std::vector<std::string> out;
     for (size_t i = 0; r != nullptr && i < r->elements; ++i)
         out.emplace_back(r->element[i]->str, r->element[i]->len);
@@ -217,7 +217,7 @@ std::vector<std::string> CliTest::hash(const std::string &key) {
 }
 
 long long CliTest::db_size() {
-    momtest::ReplyPtr r = redis({"DBSIZE"});
+    qztest::ReplyPtr r = redis({"DBSIZE"});
     return r != nullptr ? r->integer : -1;
 }
 

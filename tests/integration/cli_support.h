@@ -15,7 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include "mom_redis_server.h"
+#include "redis_test_server.h"
 
 namespace clitest {
 
@@ -67,7 +67,7 @@ class CliTest : public ::testing::Test {
     static void TearDownTestSuite();
     void SetUp() override;
 
-    static momtest::RedisServer &server() { return *server_; }
+    static qztest::TestRedisServer &server() { return *server_; }
     static std::string uri() { return server_->uri(); }
     // QZ_MOM_URI pointing at the suite's server.
     static Env store_env() { return {{"QZ_MOM_URI", uri()}}; }
@@ -76,14 +76,14 @@ class CliTest : public ::testing::Test {
         return qzcap(args, store_env(), input);
     }
     // A raw Redis command in database 3, as an operator's redis-cli would send it.
-    static momtest::ReplyPtr redis(std::initializer_list<std::string> args);
+    static qztest::ReplyPtr redis(std::initializer_list<std::string> args);
     // A record's hash as redis-cli's HGETALL shows it: field, value, ...
     static std::vector<std::string> hash(const std::string &key);
     // Keys in database 3.
     static long long db_size();
 
   private:
-    static std::unique_ptr<momtest::RedisServer> server_;
+    static std::unique_ptr<qztest::TestRedisServer> server_;
 };
 
 // A directory removed with everything in it when the object goes.

@@ -20,24 +20,39 @@ const std::string kModel = "global_spec/platform/chassis_model";
 
 class CliValues : public CliTest {};
 
-TEST_F(CliValues, SetStoresEachTypeWhereTheLibraryLooksAndGetShowsIt) {
-    for (const auto &args : std::vector<std::vector<std::string>>{
-             {"set", kPorts, "int32", "-48"},
-             {"set", kPoe, "bool", "true"},
-             {"set", kModel, "str", "QX 9200\tbeta"},
-         }) {
-        Ran r = run(args);
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err, "");
-    }
-    EXPECT_THAT(hash("p_libpub.cap_table|" + kPorts), ElementsAre("7", "-48"));
-    EXPECT_THAT(hash("p_libpub.cap_table|" + kPoe), ElementsAre("6", "1"));
-    EXPECT_THAT(hash("p_libpub.cap_table|" + kModel), ElementsAre("8", "QX 9200\tbeta"));
+// One value of each type: what set is given, the field and text it stores,
+// and what get shows.
+struct TypedValue {
+    std::string url, type, value, field, stored, shown;
+};
+void PrintTo(const TypedValue &v, std::ostream *os) {
+    *os << v.type;
+}
 
-    EXPECT_EQ(run({"get", kPorts}).out, "int32  -48\n");
-    EXPECT_EQ(run({"get", kPoe}).out, "bool  true\n");
-    EXPECT_EQ(run({"get", kModel}).out, "str  QX 9200\\tbeta\n") << "one value, one line";
+const TypedValue kTypedValues[] = {
+    {kPorts, "int32", "-48", "7", "-48", "int32  -48\n"},
+    {kPoe, "bool", "true", "6", "1", "bool  true\n"},
+    // One value, one line.
+    {kModel, "str", "QX 9200\tbeta", "8", "QX 9200\tbeta", "str  QX 9200\\tbeta\n"},
+};
+
+class CliEachType : public CliValues, public ::testing::WithParamInterface<TypedValue> {};
+
+TEST_P(CliEachType, SetStoresItWhereTheLibraryLooksAndGetShowsIt) {
+    const TypedValue &v = GetParam();
+    Ran r = run({"set", v.url, v.type, v.value});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "");
+    EXPECT_THAT(hash("p_libpub.cap_table|" + v.url), ElementsAre(v.field, v.stored));
+    EXPECT_EQ(run({"get", v.url}).out, v.shown);
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, CliEachType, ::testing::ValuesIn(kTypedValues));
+
+TEST_F(CliValues, GetShowsJsonWhenAskedWhereverTheOptionStands) {
+    ASSERT_EQ(run({"set", kPorts, "int32", "-48"}).status, 0);
+    ASSERT_EQ(run({"set", kModel, "str", "QX 9200\tbeta"}).status, 0);
     Ran j = run({"--json", "get", kModel});
     EXPECT_EQ(j.out,
               "{\"url\":\"" + kModel + "\",\"type\":\"str\",\"value\":\"QX 9200\\tbeta\"}\n");

@@ -1,43 +1,47 @@
-// The private redis-server of the bus stand-in's tests, with clients and
-// commands that fail the running test when the server does not answer.
+// The bus stand-in's suites on a private redis-server: the shared test
+// support under the names the suites use, and their Redis store.
 #ifndef QZCAP_TESTS_MOM_REDIS_SERVER_H
 #define QZCAP_TESTS_MOM_REDIS_SERVER_H
 
-#include <hiredis.h>
-
-#include <memory>
+#include <mutex>
 #include <string>
-#include <vector>
 
 #include "mom_test_util.h"
-#include "private_redis_server.h"
+#include "redis_test_server.h"
 
 namespace momtest {
 
+using qztest::command;
 using qztest::kRedisMissing;
-
-struct RedisFree {
-    void operator()(redisContext *c) const { redisFree(c); }
-    void operator()(redisReply *r) const { freeReplyObject(r); }
-};
-using RedisPtr = std::unique_ptr<redisContext, RedisFree>;
-using ReplyPtr = std::unique_ptr<redisReply, RedisFree>;
-
-class RedisServer : public qztest::PrivateRedisServer {
-  public:
-    using PrivateRedisServer::PrivateRedisServer;
-
-    // An independent client (as redis-cli would be), in database db.
-    RedisPtr client(int db = kDb) const;
-};
-
-// Runs one command on c; fails the test on a connection error.
-ReplyPtr command(redisContext *c, std::initializer_list<std::string> args);
+using qztest::RedisPtr;
+using qztest::ReplyPtr;
+using RedisServer = qztest::TestRedisServer;
 
 // The behavioural suite's Redis store: two shared servers taken in turn,
 // emptied before each use, so that a store asked for next to another one
 // (a test's ".other" store) is a different server.
-StoreKind redis_store();
+inline StoreKind redis_store() {
+    return {"redis", [](const std::string &) -> std::string {
+                static std::mutex mu;
+                // The second starts with notifications off: its first client enables them.
+                static RedisServer servers[2] = {
+                    RedisServer(), RedisServer({.notify = "", .args = {}, .config = {}})};
+                static int next = 0;
+                std::lock_guard<std::mutex> lk(mu);
+                RedisServer &s = servers[next];
+                next = 1 - next;
+                std::string why = s.start();
+                if (!why.empty()) {
+                    ADD_FAILURE() << why;
+                    return "unix:/nonexistent/redis.sock";
+                }
+                RedisPtr c = s.client(0);
+                ReplyPtr r = command(c.get(), {"FLUSHALL"});
+                if (r == nullptr || r->type == REDIS_REPLY_ERROR)
+                    ADD_FAILURE() << "FLUSHALL failed";
+                return s.uri();
+            }};
+}
 
 }  // namespace momtest
 

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "callback_inbox.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
 #include "qz_mom.h"
@@ -25,7 +26,7 @@
 namespace momtest {
 
 constexpr int32_t kDb = 3;
-constexpr auto kWait = std::chrono::seconds(5);
+constexpr auto kWait = qztest::kCallbackWait;
 
 // A store the behavioural suite runs on. uri_for(test_id) returns the URI of
 // a store that holds nothing yet for that test (the embedded store: a fresh
@@ -75,7 +76,7 @@ inline std::string pack(const ProtobufCMessage *m) {
 }
 
 // Records every event of the callbacks it is given as privdata, with waits.
-class Recorder {
+class Recorder : public qztest::Inbox<Event> {
   public:
     // The record callback: privdata must be a Recorder*.
     static int32_t cb(void *global, qz_mom_pmsg_t *pmsg, void *privdata) {
@@ -101,43 +102,19 @@ class Recorder {
         }
         if (on_event)
             on_event(global, pmsg);
-        std::lock_guard<std::mutex> lk(mu_);
-        events_.push_back(std::move(e));
-        cv_.notify_all();
+        push(std::move(e));
     }
 
-    // Waits until at least n events arrived; false after kWait.
-    bool wait_for(size_t n) {
-        std::unique_lock<std::mutex> lk(mu_);
-        return cv_.wait_for(lk, kWait, [&] { return events_.size() >= n; });
-    }
-
-    std::vector<Event> events() {
-        std::lock_guard<std::mutex> lk(mu_);
-        return events_;
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> lk(mu_);
-        return events_.size();
-    }
+    std::vector<Event> events() { return items(); }
     std::vector<int32_t> cmds() {
         std::vector<int32_t> v;
         for (const Event &e : events())
             v.push_back(e.cmd);
         return v;
     }
-    void clear() {
-        std::lock_guard<std::mutex> lk(mu_);
-        events_.clear();
-    }
 
     // Runs inside the callback, before the event is recorded (may call the bus).
     std::function<void(void *global, qz_mom_pmsg_t *pmsg)> on_event;
-
-  private:
-    std::mutex mu_;
-    std::condition_variable cv_;
-    std::vector<Event> events_;
 };
 
 // Captures standard error until take(); a failed ASSERT in between ends the

@@ -29,6 +29,12 @@ bool parse_inject(const std::string &text, uint32_t *out) {
     return true;
 }
 
+// An option limited to [lo, hi], its default shown in --help.
+template <class T>
+void ranged(CLI::App *app, const char *name, T &value, T lo, T hi, const char *text) {
+    app->add_option(name, value, text)->check(CLI::Range(lo, hi))->capture_default_str();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -42,29 +48,19 @@ int main(int argc, char **argv) {
         ->capture_default_str();
     run->add_option("--seed", opt.config.seed,
                     "Seed of the fault schedule and the children (0: random)");
-    run->add_option("--subscribers", opt.config.subscribers, "Subscriber processes")
-        ->check(CLI::Range(1u, soak::kMaxSubscribers))
-        ->capture_default_str();
-    run->add_option("--readers", opt.config.readers, "Reader processes")
-        ->check(CLI::Range(0u, soak::kMaxReaders))
-        ->capture_default_str();
-    run->add_option("--keys", opt.config.keys, "Capability keys, each a value subscription")
-        ->check(CLI::Range(1u, soak::kMaxKeys))
-        ->capture_default_str();
-    run->add_option("--subcards", opt.config.subcards, "Subcard readiness records")
-        ->check(CLI::Range(1u, soak::kMaxSubcards))
-        ->capture_default_str();
-    run->add_option("--cycle-ms", opt.config.cycle_ms,
-                    "The publisher writes every item once per cycle")
-        ->check(CLI::Range(10u, 60000u))
-        ->capture_default_str();
-    run->add_option("--pause-share", opt.shares.pause, "Share of faults that stop rather than kill")
-        ->check(CLI::Range(0.0, 1.0))
-        ->capture_default_str();
-    run->add_option("--burst-share", opt.shares.burst,
-                    "Share of faults followed by another before things settle")
-        ->check(CLI::Range(0.0, 1.0))
-        ->capture_default_str();
+    ranged(run, "--subscribers", opt.config.subscribers, 1u, soak::kMaxSubscribers,
+           "Subscriber processes");
+    ranged(run, "--readers", opt.config.readers, 0u, soak::kMaxReaders, "Reader processes");
+    ranged(run, "--keys", opt.config.keys, 1u, soak::kMaxKeys,
+           "Capability keys, each a value subscription");
+    ranged(run, "--subcards", opt.config.subcards, 1u, soak::kMaxSubcards,
+           "Subcard readiness records");
+    ranged(run, "--cycle-ms", opt.config.cycle_ms, 10u, 60000u,
+           "The publisher writes every item once per cycle");
+    ranged(run, "--pause-share", opt.shares.pause, 0.0, 1.0,
+           "Share of faults that stop rather than kill");
+    ranged(run, "--burst-share", opt.shares.burst, 0.0, 1.0,
+           "Share of faults followed by another before things settle");
     run->add_option("--stall-ms", opt.stall_ms, "Silence after the server's return that is a stall")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();

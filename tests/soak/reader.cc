@@ -23,25 +23,19 @@ bool expected_status(int32_t rc) {
     return rc == 0 || rc == LIBQZ_CAP_E_BUS || rc == LIBQZ_CAP_E_NO_RECORD;
 }
 
+// Indexed by Read.
+constexpr const char *kReadNames[] = {"int32 no_block", "int32 blocking", "bool no_block",
+                                      "bool blocking"};
+
 const char *name_of(Read r) {
-    switch (r) {
-        case Read::kInt32:
-            return "int32 no_block";
-        case Read::kInt32Blocking:
-            return "int32 blocking";
-        case Read::kBool:
-            return "bool no_block";
-        case Read::kBoolBlocking:
-            return "bool blocking";
-    }
-    return "?";
+    return kReadNames[static_cast<size_t>(r)];
 }
 
 }  // namespace
 
 int run_reader(const RoleArgs &args) {
-    Board *board = attach(args);
-    if (board == nullptr || args.index >= board->config.readers)
+    Board *board = attach(args, &Config::readers);
+    if (board == nullptr)
         return 2;
     const Config &cfg = board->config;
     ChildBlock &block = board->readers[args.index];

@@ -21,11 +21,17 @@ void report_fault(ChildBlock &block, const char *fmt, ...) {
     va_end(ap);
 }
 
-Board *attach(const RoleArgs &args) {
+Board *attach(const RoleArgs &args, uint32_t Config::*children) {
     std::string why;
     Board *b = open_board(args.board, &why);
-    if (b == nullptr)
+    if (b == nullptr) {
         fprintf(stderr, "soak: %s\n", why.c_str());
+        return nullptr;
+    }
+    if (children != nullptr && args.index >= b->config.*children) {
+        fprintf(stderr, "soak: child %u of a run of %u\n", args.index, b->config.*children);
+        return nullptr;
+    }
     return b;
 }
 

@@ -29,8 +29,9 @@ int run_reader(const RoleArgs &args);
 // One line on stderr for the first few faults, and the count on the board.
 void report_fault(ChildBlock &block, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
-// Maps the board, or says why not on stderr.
-Board *attach(const RoleArgs &args);
+// Maps the board, or says why not on stderr. With `children`, the role's
+// count in the run's config, an index beyond it is refused too.
+Board *attach(const RoleArgs &args, uint32_t Config::*children = nullptr);
 
 // The bus client for uri, retried while the server is briefly away. Null when
 // the coordinator stops the run first.

@@ -175,8 +175,8 @@ int32_t on_reconnect(void *global, int32_t, int32_t, void *arg) {
 }  // namespace
 
 int run_subscriber(const RoleArgs &args) {
-    Board *board = attach(args);
-    if (board == nullptr || args.index >= board->config.subscribers)
+    Board *board = attach(args, &Config::subscribers);
+    if (board == nullptr)
         return 2;
     const Config &cfg = board->config;
     Subscriber sub;

@@ -6,15 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <hiredis.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <thread>
+
+#include "redis_client.h"
 
 namespace qztest {
 namespace {
@@ -31,16 +30,10 @@ std::string find_redis_server() {
 }
 
 bool answers_ping(const std::string &socket) {
-    std::unique_ptr<redisContext, decltype(&redisFree)> c(redisConnectUnix(socket.c_str()),
-                                                          redisFree);
-    if (c == nullptr || c->err != 0)
-        return false;
+    std::string why;
+    RedisPtr c = connect("unix:" + socket, 0, &why, std::chrono::milliseconds(500));
     // Any answer will do: a server wanting a password answers NOAUTH.
-    void *r = redisCommand(c.get(), "PING");
-    if (r == nullptr)
-        return false;
-    freeReplyObject(r);
-    return true;
+    return c != nullptr && command(c.get(), {"PING"}, &why) != nullptr;
 }
 
 }  // namespace

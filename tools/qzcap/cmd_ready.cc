@@ -55,26 +55,27 @@ int32_t card_type_of(const Connection &conn, int32_t node) {
     return *found.type;
 }
 
-bool read_local(const Connection &conn) {
+// A readiness flag as the library reads it. The library does not say why a
+// read failed; the bus does, asked again for the flag's record `key`.
+bool read_flag(const Connection &conn, int32_t (*read)(void *, bool *), ProtobufCMessage *key,
+               const std::string &what) {
     bool ready = false;
-    if (libqz_cap_get_local_ready(conn.handle(), &ready) != 0) {
+    if (read(conn.handle(), &ready) != 0) {
         int32_t code = 0;
-        PLibpub__CapState key = P_LIBPUB__CAP_STATE__INIT;
-        qz_mom_qz_obj_free(qz_mom_get_sync(conn.handle(), kDb, &key.base, &code));
-        conn.fail(code != 0 ? code : QZ_MOM_E_REPLY, "reading local readiness");
+        qz_mom_qz_obj_free(qz_mom_get_sync(conn.handle(), kDb, key, &code));
+        conn.fail(code != 0 ? code : QZ_MOM_E_REPLY, "reading " + what);
     }
     return ready;
 }
 
+bool read_local(const Connection &conn) {
+    PLibpub__CapState key = P_LIBPUB__CAP_STATE__INIT;
+    return read_flag(conn, libqz_cap_get_local_ready, &key.base, "local readiness");
+}
+
 bool read_global(const Connection &conn) {
-    bool ready = false;
-    if (libqz_cap_ce_get_glb_ready(conn.handle(), &ready) != 0) {
-        int32_t code = 0;
-        SFrame__CapGlbState key = S_FRAME__CAP_GLB_STATE__INIT;
-        qz_mom_qz_obj_free(qz_mom_get_sync(conn.handle(), kDb, &key.base, &code));
-        conn.fail(code != 0 ? code : QZ_MOM_E_REPLY, "reading global readiness");
-    }
-    return ready;
+    SFrame__CapGlbState key = S_FRAME__CAP_GLB_STATE__INIT;
+    return read_flag(conn, libqz_cap_ce_get_glb_ready, &key.base, "global readiness");
 }
 
 bool read_subcard(const Connection &conn, int32_t node) {

@@ -33,6 +33,19 @@ struct Target {
     }
 };
 
+// A command on one capability that needs nothing more than its key: `run`
+// gets the key, checked, and then the store.
+template <class Run>
+Command on_target(CLI::App *sub, const GlobalOptions &g, Run run) {
+    auto t = std::make_shared<Target>();
+    t->declare(sub);
+    return {sub, [t, &g, run] {
+                const CapKey key = t->key();
+                run(key, *Connection::open(g));
+                return 0;
+            }};
+}
+
 Json value_object(const CapKey &key, const CapValue &v) {
     Json j;
     j["url"] = key.url;
@@ -47,19 +60,14 @@ Json value_object(const CapKey &key, const CapValue &v) {
 
 Command add_get(CLI::App &app, const GlobalOptions &g) {
     CLI::App *sub = app.add_subcommand("get", "Show one capability's value: its type and value");
-    auto t = std::make_shared<Target>();
-    t->declare(sub);
-    return {sub, [t, &g] {
-                const CapKey key = t->key();
-                auto conn = Connection::open(g);
-                for (const CapValue &v : read_capability(*conn, key)) {
-                    if (g.json)
-                        print_json_line(value_object(key, v));
-                    else
-                        printf("%s  %s\n", type_name(v.type), value_text(v).c_str());
-                }
-                return 0;
-            }};
+    return on_target(sub, g, [&g](const CapKey &key, Connection &conn) {
+        for (const CapValue &v : read_capability(conn, key)) {
+            if (g.json)
+                print_json_line(value_object(key, v));
+            else
+                printf("%s  %s\n", type_name(v.type), value_text(v).c_str());
+        }
+    });
 }
 
 Command add_set(CLI::App &app, const GlobalOptions &g) {
@@ -87,14 +95,8 @@ Command add_set(CLI::App &app, const GlobalOptions &g) {
 
 Command add_del(CLI::App &app, const GlobalOptions &g) {
     CLI::App *sub = app.add_subcommand("del", "Delete a capability's record");
-    auto t = std::make_shared<Target>();
-    t->declare(sub);
-    return {sub, [t, &g] {
-                const CapKey key = t->key();
-                auto conn = Connection::open(g);
-                delete_capability(*conn, key);
-                return 0;
-            }};
+    return on_target(sub, g,
+                     [](const CapKey &key, Connection &conn) { delete_capability(conn, key); });
 }
 
 Command add_list(CLI::App &app, const GlobalOptions &g) {

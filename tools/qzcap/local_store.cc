@@ -96,6 +96,25 @@ Clock::time_point deadline_after(double s) {
     return Clock::now() + std::chrono::microseconds(static_cast<int64_t>(s * 1e6));
 }
 
+// Ends the daemon that store_up started and then gave up on, so that no
+// server is left running that nobody knows of. It is empty: SIGKILL loses
+// nothing and works on a server that hangs.
+void end_abandoned(const std::string &pid_file, const std::string &socket) {
+    // The daemon writes its pid file right after it detaches.
+    const auto deadline = deadline_after(2.0);
+    pid_t pid = read_pid(pid_file);
+    while (pid == 0 && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        pid = read_pid(pid_file);
+    }
+    if (pid > 0 && kill(pid, SIGKILL) == 0) {
+        while (!ended(pid) && Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    unlink(socket.c_str());
+    unlink(pid_file.c_str());
+}
+
 std::string seconds_text(double s) {
     char buf[32];
     snprintf(buf, sizeof buf, "%g s", s);
@@ -132,7 +151,9 @@ LocalStore store_up(const std::string &dir, double timeout_s) {
         throw Failure(kExitNoStore,
                       "redis-server not found: install the redis-server package "
                       "(scripts/install-deps.sh does)");
-    unlink(s.socket.c_str());  // left by a server that died
+    // Left by a server that died; the pid file must name none but ours.
+    unlink(s.socket.c_str());
+    unlink(pid_file.c_str());
     std::vector<std::string> args{
         exe,      "--port",      "0",  "--unixsocket", s.socket, "--unixsocketperm",
         "700",    "--save",      "",   "--appendonly", "no",     "--notify-keyspace-events",
@@ -169,6 +190,7 @@ LocalStore store_up(const std::string &dir, double timeout_s) {
     while (!answers(s.socket)) {
         if (Clock::now() >= deadline) {
             const std::string said = last_line(log);
+            end_abandoned(pid_file, s.socket);
             throw Failure(kExitNoStore, "redis-server in " + dir + " did not answer within " +
                                             seconds_text(timeout_s) +
                                             (said.empty() ? std::string() : ": " + said));

@@ -1,6 +1,7 @@
 #include "message_json.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 
 #include "capability.h"
@@ -29,14 +30,10 @@ std::string to_hex(const ProtobufCBinaryData &b) {
     return s;
 }
 
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
+// The byte that two hex digits spell; false when they are not two hex digits.
+bool hex_byte(const char *two, uint8_t *out) {
+    const auto [end, ec] = std::from_chars(two, two + 2, *out, 16);
+    return ec == std::errc() && end == two + 2;
 }
 
 [[noreturn]] void wrong(const std::string &path, const std::string &expected, const InJson &got) {
@@ -163,11 +160,11 @@ ProtobufCMessage *MessageArena::build(const ProtobufCMessageDescriptor *desc, co
                 const std::string *hex =
                     value.is_string() ? &value.get_ref<const std::string &>() : nullptr;
                 std::string bytes;
+                uint8_t byte = 0;
                 for (size_t i = 0; hex != nullptr && i + 1 < hex->size(); i += 2) {
-                    const int hi = hex_digit((*hex)[i]), lo = hex_digit((*hex)[i + 1]);
-                    if (hi < 0 || lo < 0)
+                    if (!hex_byte(hex->data() + i, &byte))
                         break;
-                    bytes.push_back(static_cast<char>(hi * 16 + lo));
+                    bytes.push_back(static_cast<char>(byte));
                 }
                 if (hex == nullptr || bytes.size() * 2 != hex->size())
                     wrong(at, "bytes as a hex string (like \"00a0c9\")", value);
