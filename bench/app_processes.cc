@@ -11,11 +11,35 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 #include "bench.h"
 #include "many_child.h"
 
+#ifndef QZCAP_BENCH_EMULATOR
+#define QZCAP_BENCH_EMULATOR ""
+#endif
+
 namespace qzbench {
+namespace {
+
+// The command that starts this program again: a cross build's bench runs
+// under the target's emulator, and so must the processes it starts.
+bool self_command(std::vector<std::string> *out, std::string *why) {
+    std::istringstream emulator(QZCAP_BENCH_EMULATOR);
+    for (std::string word; emulator >> word;)
+        out->push_back(word);
+    char self[4096];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) {
+        *why = std::string("readlink /proc/self/exe: ") + std::strerror(errno);
+        return false;
+    }
+    out->emplace_back(self, static_cast<size_t>(n));
+    return true;
+}
+
+}  // namespace
 
 AppProcesses::~AppProcesses() {
     std::string ignored;
@@ -36,7 +60,10 @@ bool AppProcesses::spawn(int count, const std::vector<std::string> &common_args,
     for (int i = 0; i < count; ++i) {
         // Everything the child needs is built before fork: between fork and
         // exec a copy of a threaded process may only make async-signal-safe calls.
-        std::vector<std::string> args = {"qzcap_bench", kChildFlag};
+        std::vector<std::string> args;
+        if (!self_command(&args, why))
+            return false;
+        args.push_back(kChildFlag);
         args.insert(args.end(), common_args.begin(), common_args.end());
         args.push_back(std::to_string(i));
         std::vector<char *> argv;
@@ -71,7 +98,7 @@ bool AppProcesses::spawn(int count, const std::vector<std::string> &common_args,
                 _exit(1);
             // The bench's own connections must not live on in the child.
             close_range(3, ~0U, 0);
-            execv("/proc/self/exe", argv.data());
+            execv(argv[0], argv.data());
             _exit(127);
         }
         close(to[0]);
