@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -171,10 +172,28 @@ bool measure_with_and_without(const Options &opts, RedisServer &server, int proc
     return true;
 }
 
+// Each process holds the library's connections and its publisher's; the
+// server refuses clients beyond maxclients, which a full run must not meet.
+bool room_for(RedisServer &server, int procs, std::string *why) {
+    Conn c = connect_unix(server.socket(), why);
+    Reply r = c ? command(c.get(), why, "CONFIG GET maxclients") : nullptr;
+    if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 2)
+        return false;
+    const long long have = std::atoll(r->element[1]->str), need = 4LL * procs + 16;
+    if (have < need) {
+        *why = format("redis-server takes %lld clients, %d processes need about %lld", have, procs,
+                      need);
+        return false;
+    }
+    return true;
+}
+
 // One process count: pushes with none, P processes started, pushes with
 // them, a restart, the processes stopped.
 bool run_step(const Options &opts, RedisServer &server, int procs, int32_t gen, Step *out,
               std::string *why) {
+    if (!room_for(server, procs, why))
+        return false;
     AppProcesses apps;
     if (!measure_with_and_without(opts, server, procs, &apps, out, why))
         return false;
