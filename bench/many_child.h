@@ -1,7 +1,7 @@
 // The application process of benchmark 5: its own bus handle and library
 // context with N int32 value subscriptions, renewed by the library when the
 // server comes back. Started as `qzcap_bench --many-child SOCKET N TIMEOUT_MS
-// INDEX` by AppProcesses.
+// RENEW_TIMEOUT_MS INDEX` by AppProcesses.
 //
 // Lines it reads on stdin:   "arm GEN" (the next renewal must deliver GEN),
 //                            "quit" (or end of input)
