@@ -249,10 +249,7 @@ void print_step(int procs, int per_proc, const Step &s) {
         s.renewal.delivered_ms, s.renewal.other);
 }
 
-}  // namespace
-
-Figure bench_many_processes(const Options &opts, RedisServer &server) {
-    Figure f(5, "many application processes on one bus");
+void print_method(const Options &opts) {
     std::printf(
         "\n[5] Many application processes on one bus: P processes (the bench started again),\n"
         "    each with its own bus handle, library context and M value subscriptions\n"
@@ -265,6 +262,13 @@ Figure bench_many_processes(const Options &opts, RedisServer &server) {
         "          answer to PING until every subscription is confirmed and has delivered\n"
         "          a value each process wrote after the confirmation (slowest process)\n",
         opts.pushes, opts.pushes, sysconf(_SC_CLK_TCK));
+}
+
+}  // namespace
+
+Figure bench_many_processes(const Options &opts, RedisServer &server) {
+    Figure f(5, "many application processes on one bus");
+    print_method(opts);
 
     std::vector<Step> steps;
     for (size_t i = 0; i < opts.procs.size(); ++i) {
