@@ -7,6 +7,10 @@
 
 namespace qzbench {
 
+bool Figure::all_met() const {
+    return std::all_of(targets.begin(), targets.end(), [](const Target &t) { return t.met; });
+}
+
 bool Options::wants(int n) const {
     return only.empty() || std::find(only.begin(), only.end(), n) != only.end();
 }
@@ -23,12 +27,16 @@ int64_t percentile(std::vector<int64_t> v, double q) {
 }
 
 std::string format(const char *fmt, ...) {
-    char buf[1024];
-    va_list ap;
+    va_list ap, again;
     va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
+    va_copy(again, ap);
+    int n = vsnprintf(nullptr, 0, fmt, ap);
     va_end(ap);
-    return buf;
+    std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0)
+        vsnprintf(out.data(), out.size() + 1, fmt, again);
+    va_end(again);
+    return out;
 }
 
 namespace {
@@ -125,6 +133,18 @@ Ratios print_overall(const Comparison &c, const char *lib_name, const char *raw_
     std::printf("    (paired ratio: median over the %zu block pairs of the ratio within a pair)\n",
                 c.lib.blocks.size());
     return out;
+}
+
+void judge_paired_p50(Figure *f, const Comparison &c, const Ratios &r, double limit) {
+    f->ran_ok = true;
+    f->summary = format(
+        "lib p50 %.1f us p99 %.1f us | raw p50 %.1f us p99 %.1f us\n      ratio p50 %.2fx "
+        "p99 %.2fx pooled; p50 %.2fx p99 %.2fx paired",
+        percentile(c.lib.all, 0.5) / 1e3, percentile(c.lib.all, 0.99) / 1e3,
+        percentile(c.raw.all, 0.5) / 1e3, percentile(c.raw.all, 0.99) / 1e3, r.pooled_p50,
+        r.pooled_p99, r.paired_p50, r.paired_p99);
+    f->judge(format("paired p50 ratio <= %.2f", limit), r.paired_p50 <= limit,
+             format("%.2fx", r.paired_p50));
 }
 
 }  // namespace qzbench

@@ -9,22 +9,26 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qzbench {
 
 struct Options {
     bool smoke = false;
-    int blocks = 20;        // blocks per side, alternating
-    int ops = 1000;         // operations per block
-    int warmup = 500;       // untimed operations per side before the first block
-    int batch = 1000;       // reads per timed batch (embedded store)
-    int batches = 100;      // batches per block (embedded store)
-    int subs = 1000;        // subscriptions renewed after a restart
-    int renew_rounds = 5;   // restarts per side
-    int load_rounds = 10;   // loads of 10,000 capabilities per side
-    int timeout_ms = 5000;  // longest wait for one expected callback
-    std::vector<int> only;  // benchmarks to run (empty: all)
+    int blocks = 20;                    // blocks per side, alternating
+    int ops = 1000;                     // operations per block
+    int warmup = 500;                   // untimed operations per side before the first block
+    int batch = 1000;                   // reads per timed batch (embedded store)
+    int batches = 100;                  // batches per block (embedded store)
+    int subs = 1000;                    // subscriptions renewed after a restart
+    int renew_rounds = 5;               // restarts per side
+    int load_rounds = 10;               // loads of 10,000 capabilities per side
+    std::vector<int> procs{1, 10, 50};  // application processes on one bus
+    int per_proc = 1000;                // value subscriptions in each
+    int pushes = 20000;                 // timed pushes per side and process count
+    int timeout_ms = 5000;              // longest wait for one expected callback
+    std::vector<int> only;              // benchmarks to run (empty: all)
     std::string redis_server;
 
     bool wants(int n) const;
@@ -41,15 +45,29 @@ inline int64_t now_ns() {
 // Nearest-rank percentile (q in [0, 1]); 0 for no samples.
 int64_t percentile(std::vector<int64_t> v, double q);
 
+// One target of a benchmark: what it asks, the figures that judge it, and
+// whether this run met it.
+struct Target {
+    std::string what;
+    std::string figures;
+    bool met = false;
+};
+
 // What one benchmark reports for the summary.
 struct Figure {
-    int number = 0;
+    Figure(int n, std::string t) : number(n), title(std::move(t)) {}
+
+    int number;
     std::string title;
     bool ran_ok = false;  // every operation succeeded and every callback arrived
     std::string error;    // why not
     std::string summary;  // one line for the final table
-    std::string target;   // the target, in words
-    bool target_met = false;
+    std::vector<Target> targets;
+
+    void judge(std::string what, bool met, std::string figures) {
+        targets.push_back({std::move(what), std::move(figures), met});
+    }
+    bool all_met() const;
 };
 
 // One timed operation: returns false on failure (with *why set) and its
@@ -86,6 +104,10 @@ struct Ratios {
 // Prints overall p50/p99 of both sides and the ratios.
 Ratios print_overall(const Comparison &c, const char *lib_name, const char *raw_name,
                      double unit_div, const char *unit);
+
+// The figure of a comparison of single-request latencies (benchmarks 1 and 3),
+// judged on the paired p50 ratio.
+void judge_paired_p50(Figure *f, const Comparison &c, const Ratios &r, double limit);
 
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 

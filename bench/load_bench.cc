@@ -66,16 +66,13 @@ bool count_is(redisContext *c, long long want, std::string *why) {
 }  // namespace
 
 Figure bench_load(const Options &opts, RedisServer &server) {
-    Figure f;
-    f.number = 5;
-    f.title = "qzcap load of 10,000 capabilities, Redis store";
-    f.target = "lib p50 < 250 ms";
+    Figure f(6, "qzcap load of 10,000 capabilities, Redis store");
     Options o = opts;
     o.blocks = opts.smoke ? 1 : opts.load_rounds;
     o.ops = 1;
     o.warmup = 1;
     std::printf(
-        "\n[5] Loading a device description of %d capabilities (bool, int32, str in turn)\n"
+        "\n[6] Loading a device description of %d capabilities (bool, int32, str in turn)\n"
         "    lib: the text parsed and checked, then written in batches of %zu (qzcap load)\n"
         "    raw: hiredis pipelining the same %d HSETs, nothing parsed or checked\n"
         "    %d rounds per side, alternating; the store is emptied before each, untimed\n",
@@ -87,7 +84,7 @@ Figure bench_load(const Options &opts, RedisServer &server) {
     for (const Cap &c : cs)
         keys.push_back(cap_key(c.url));
     std::string why;
-    Conn raw = connect_unix(server.socket_path(), &why);
+    Conn raw = connect_unix(server.socket(), &why);
     if (!raw) {
         f.error = why;
         return f;
@@ -95,7 +92,7 @@ Figure bench_load(const Options &opts, RedisServer &server) {
     std::unique_ptr<qzcap::tool::Connection> conn;
     try {
         qzcap::tool::GlobalOptions g;
-        g.uri = "unix:" + server.socket_path();
+        g.uri = "unix:" + server.socket();
         conn = qzcap::tool::Connection::open(g);
     } catch (const qzcap::tool::Failure &e) {
         f.error = e.what();
@@ -150,7 +147,7 @@ Figure bench_load(const Options &opts, RedisServer &server) {
     std::printf("    of which parsing and checking the text: p50 %.1f ms\n", parse_ms);
     const double lib50 = static_cast<double>(percentile(c.lib.all, 0.5)) / 1e6;
     f.ran_ok = true;
-    f.target_met = lib50 < 250;
+    f.judge("lib p50 < 250 ms", lib50 < 250, format("%.1f ms", lib50));
     f.summary = format(
         "lib p50 %.1f ms max %.1f ms (parse and check %.1f ms) | raw p50 %.1f ms\n      ratio "
         "p50 %.2fx paired",

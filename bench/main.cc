@@ -9,11 +9,15 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,7 +26,8 @@
 
 #include "bench.h"
 #include "figures.h"
-#include "redis_server.h"
+#include "many_child.h"
+#include "raw_redis.h"
 
 #ifndef QZCAP_BENCH_BUILD_TYPE
 #define QZCAP_BENCH_BUILD_TYPE "unknown"
@@ -35,11 +40,14 @@ using qzbench::Options;
 
 void usage() {
     std::printf(
-        "usage: qzcap_bench [--smoke] [--only=1,2,3,4,5] [--blocks=N] [--ops=N] [--subs=N]\n"
-        "                   [--rounds=N] [--loads=N] [--redis-server=PATH]\n"
+        "usage: qzcap_bench [--smoke] [--only=1,2,3,4,5,6] [--blocks=N] [--ops=N] [--subs=N]\n"
+        "                   [--rounds=N] [--loads=N] [--procs=1,10,50] [--per-proc=N]\n"
+        "                   [--pushes=N] [--redis-server=PATH]\n"
         "  --smoke   a short run that checks every operation and callback, not the speed\n"
         "  --only    run only the listed benchmarks (1 Redis read, 2 embedded read,\n"
-        "            3 push latency, 4 renewal after a restart, 5 qzcap load)\n");
+        "            3 push latency, 4 renewal after a restart, 5 many processes on\n"
+        "            one bus, 6 qzcap load)\n"
+        "  --redis-server  the redis-server binary to run (its directory goes first on PATH)\n");
 }
 
 bool parse_int(const char *arg, const char *name, int *out) {
@@ -47,6 +55,22 @@ bool parse_int(const char *arg, const char *name, int *out) {
     if (std::strncmp(arg, name, len) != 0 || arg[len] != '=')
         return false;
     *out = std::atoi(arg + len + 1);
+    return true;
+}
+
+// "1,10,50": comma-separated positive numbers.
+bool parse_list(const char *text, std::vector<int> *out) {
+    out->clear();
+    std::stringstream in(text);
+    for (std::string item; std::getline(in, item, ',');) {
+        char *end = nullptr;
+        long v = std::strtol(item.c_str(), &end, 10);
+        if (item.empty() || *end != '\0' || v < 1 || v > 100000) {
+            std::fprintf(stderr, "qzcap_bench: '%s' is not a list of positive numbers\n", text);
+            return false;
+        }
+        out->push_back(static_cast<int>(v));
+    }
     return true;
 }
 
@@ -61,18 +85,27 @@ bool parse(int argc, char **argv, Options *o) {
             o->batches = 5;
             o->subs = 50;
             o->renew_rounds = 1;
+            o->procs = {2};
+            o->per_proc = 50;
+            o->pushes = 50;
         }
     }
     for (int i = 1; i < argc; ++i) {
         const char *a = argv[i];
         if (std::strcmp(a, "--smoke") == 0 || parse_int(a, "--blocks", &o->blocks) ||
             parse_int(a, "--ops", &o->ops) || parse_int(a, "--subs", &o->subs) ||
-            parse_int(a, "--rounds", &o->renew_rounds) || parse_int(a, "--loads", &o->load_rounds))
+            parse_int(a, "--rounds", &o->renew_rounds) ||
+            parse_int(a, "--loads", &o->load_rounds) || parse_int(a, "--per-proc", &o->per_proc) ||
+            parse_int(a, "--pushes", &o->pushes))
             continue;
         if (std::strncmp(a, "--only=", 7) == 0) {
-            for (const char *p = a + 7; *p != '\0'; ++p)
-                if (*p >= '1' && *p <= '5')
-                    o->only.push_back(*p - '0');
+            if (!parse_list(a + 7, &o->only))
+                return false;
+            continue;
+        }
+        if (std::strncmp(a, "--procs=", 8) == 0) {
+            if (!parse_list(a + 8, &o->procs))
+                return false;
             continue;
         }
         if (std::strncmp(a, "--redis-server=", 15) == 0) {
@@ -82,11 +115,40 @@ bool parse(int argc, char **argv, Options *o) {
         usage();
         return false;
     }
-    if (o->blocks < 1 || o->ops < 1 || o->subs < 1 || o->renew_rounds < 1 || o->load_rounds < 1) {
+    bool procs_ok = !o->procs.empty() &&
+                    std::all_of(o->procs.begin(), o->procs.end(), [](int p) { return p >= 1; });
+    if (o->blocks < 1 || o->ops < 1 || o->subs < 1 || o->renew_rounds < 1 || o->load_rounds < 1 ||
+        o->per_proc < 1 || o->pushes < 1 || !procs_ok) {
         std::fprintf(stderr, "qzcap_bench: counts must be at least 1\n");
         return false;
     }
     return true;
+}
+
+// Puts the directory of `binary` first on PATH, where the private server
+// looks for redis-server.
+bool use_redis_server(const std::string &binary, std::string *why) {
+    std::filesystem::path p(binary);
+    if (p.filename() != "redis-server" || access(binary.c_str(), X_OK) != 0) {
+        *why = "--redis-server=" + binary + ": not an executable file named redis-server";
+        return false;
+    }
+    const char *path = std::getenv("PATH");
+    std::string dir = std::filesystem::absolute(p).parent_path().string();
+    setenv("PATH", (dir + ":" + (path != nullptr ? path : "")).c_str(), 1);
+    return true;
+}
+
+std::string server_version(const std::string &socket) {
+    std::string why;
+    qzbench::Conn c = qzbench::connect_unix(socket, &why);
+    qzbench::Reply info = c ? qzbench::command(c.get(), &why, "INFO server") : nullptr;
+    if (!info || info->type != REDIS_REPLY_STRING)
+        return "(version unknown: " + why + ")";
+    std::string s(info->str, info->len);
+    size_t at = s.find("redis_version:");
+    return at == std::string::npos ? "(version unknown)"
+                                   : s.substr(at + 14, s.find('\r', at) - at - 14);
 }
 
 std::string cpu_model() {
@@ -100,6 +162,8 @@ std::string cpu_model() {
 }  // namespace
 
 int main(int argc, char **argv) {
+    if (argc > 1 && std::strcmp(argv[1], qzbench::kChildFlag) == 0)
+        return qzbench::many_child_main(argc, argv);
     Options opts;
     if (!parse(argc, argv, &opts))
         return 1;
@@ -121,23 +185,26 @@ int main(int argc, char **argv) {
         HIREDIS_PATCH);
 
     std::vector<Figure> figures;
-    bool need_server = opts.wants(1) || opts.wants(3) || opts.wants(4) || opts.wants(5);
+    bool need_server =
+        opts.wants(1) || opts.wants(3) || opts.wants(4) || opts.wants(5) || opts.wants(6);
     std::unique_ptr<qzbench::RedisServer> server;
     if (need_server) {
         std::string why;
-        std::string bin = qzbench::find_redis_server(opts.redis_server, &why);
-        if (bin.empty()) {
+        if (!opts.redis_server.empty() && !use_redis_server(opts.redis_server, &why)) {
             std::fprintf(stderr, "qzcap_bench: FAILED: %s\n", why.c_str());
             return 1;
         }
-        server = std::make_unique<qzbench::RedisServer>(bin);
-        if (!server->start(&why)) {
-            std::fprintf(stderr, "qzcap_bench: FAILED: starting %s: %s\n", bin.c_str(),
-                         why.c_str());
+        // Benchmark 5 holds a connection or two per application process.
+        qzbench::RedisServer::Options so;
+        so.notify = "KA";
+        so.args = {"--maxclients", "4096"};
+        server = std::make_unique<qzbench::RedisServer>(so);
+        if (std::string err = server->start(); !err.empty()) {
+            std::fprintf(stderr, "qzcap_bench: FAILED: starting redis-server: %s\n", err.c_str());
             return 1;
         }
         std::printf("private redis-server %s on %s (no persistence, keyspace notifications)\n",
-                    server->version().c_str(), server->socket_path().c_str());
+                    server_version(server->socket()).c_str(), server->socket().c_str());
     }
 
     if (opts.wants(1))
@@ -149,6 +216,8 @@ int main(int argc, char **argv) {
     if (opts.wants(4))
         figures.push_back(qzbench::bench_renewal(opts, *server));
     if (opts.wants(5))
+        figures.push_back(qzbench::bench_many_processes(opts, *server));
+    if (opts.wants(6))
         figures.push_back(qzbench::bench_load(opts, *server));
     if (server)
         server->stop();
@@ -162,12 +231,14 @@ int main(int argc, char **argv) {
             std::printf("  [%d] %-52s FAILED: %s\n", f.number, f.title.c_str(), f.error.c_str());
             continue;
         }
-        all_met = all_met && f.target_met;
-        std::printf("  [%d] %s\n      %s\n      target %s: %s\n", f.number, f.title.c_str(),
-                    f.summary.c_str(), f.target.c_str(),
-                    opts.smoke     ? "not judged (smoke)"
-                    : f.target_met ? "met"
-                                   : "MISSED");
+        all_met = all_met && f.all_met();
+        std::printf("  [%d] %s\n      %s\n", f.number, f.title.c_str(), f.summary.c_str());
+        for (const qzbench::Target &t : f.targets)
+            std::printf("      target %s: %s (%s)\n", t.what.c_str(),
+                        opts.smoke ? "not judged (smoke)"
+                        : t.met    ? "met"
+                                   : "MISSED",
+                        t.figures.c_str());
     }
     if (!all_ran)
         return 1;

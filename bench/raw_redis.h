@@ -14,15 +14,16 @@ namespace qzbench {
 
 constexpr int32_t kCapDb = 3;
 
-struct ReplyFree {
-    void operator()(redisReply *r) const { freeReplyObject(r); }
+// Owners of hiredis objects, released with hiredis's own function.
+template <auto Release>
+struct ReleasedBy {
+    template <class T>
+    void operator()(T *p) const {
+        Release(p);
+    }
 };
-using Reply = std::unique_ptr<redisReply, ReplyFree>;
-
-struct ConnFree {
-    void operator()(redisContext *c) const { redisFree(c); }
-};
-using Conn = std::unique_ptr<redisContext, ConnFree>;
+using Reply = std::unique_ptr<redisReply, ReleasedBy<freeReplyObject>>;
+using Conn = std::unique_ptr<redisContext, ReleasedBy<redisFree>>;
 
 // A blocking connection to the socket, database 3 selected. Null with *why
 // set on failure.
