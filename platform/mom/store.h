@@ -152,6 +152,19 @@ class Store {
     virtual int32_t watch(const WatchSpec &spec, uint64_t *id) = 0;
     virtual void unwatch(uint64_t id) = 0;
 
+    // As watch(), but returns once the watch is requested, not in place:
+    // settle(*id) tells when it is. Many deferred watches then cost one
+    // round trip instead of one each. A store whose watches are in place at
+    // once needs neither.
+    virtual int32_t watch_deferred(const WatchSpec &spec, uint64_t *id) { return watch(spec, id); }
+    // 0 once watch id is in place: every change made from then on is
+    // delivered. QZ_MOM_E_CONN when the connection was lost first (the watch
+    // is gone with it).
+    virtual int32_t settle(uint64_t id) {
+        (void)id;
+        return 0;
+    }
+
     // Ends every watch and stops all calls to the listener: once close()
     // returns, the listener is never called again.
     virtual void close() = 0;
