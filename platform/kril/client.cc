@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/c_barrier.h"
+#include "common/parse_int.h"
 #include "internal.h"
 
 namespace kril {
@@ -67,17 +69,7 @@ class Reader {
     std::string buf_;
 };
 
-bool parse_i32(const std::string &text, int32_t *out) {
-    char *end = nullptr;
-    errno = 0;
-    long v = strtol(text.c_str(), &end, 10);
-    if (end == text.c_str() || *end != '\0' || errno != 0 || v < INT32_MIN || v > INT32_MAX)
-        return false;
-    *out = static_cast<int32_t>(v);
-    return true;
-}
-
-int32_t connect_to(pid_t pid, Fd *fd, std::string *why) {
+int32_t connect_to(pid_t pid, UniqueFd *fd, std::string *why) {
     const std::string dir = run_dir();
     if (int32_t rv = check_run_dir(dir, false, why); rv != 0)
         return rv;
@@ -110,7 +102,7 @@ int32_t run(pid_t pid, const char *request, int timeout_ms, FILE *out, int32_t *
         *why = "no such pid " + std::to_string(pid);
         return KRIL_E_ARG;
     }
-    Fd fd;
+    UniqueFd fd;
     if (int32_t rv = connect_to(pid, &fd, why); rv != 0)
         return rv;
     // A refused request may be answered before it is all sent: read the answer anyway.
@@ -139,16 +131,16 @@ int32_t run(pid_t pid, const char *request, int timeout_ms, FILE *out, int32_t *
             started = true;
         } else if (line.rfind("err ", 0) == 0) {
             size_t sp = line.find(' ', 4);
-            if (sp == std::string::npos || !parse_i32(line.substr(4, sp - 4), &n) || n >= 0)
+            if (sp == std::string::npos || !qzplat::parse_int(line.substr(4, sp - 4), &n) || n >= 0)
                 break;
             *why = line.substr(sp + 1);
             return n;
-        } else if (line.rfind("out ", 0) == 0 && parse_i32(line.substr(4), &n) && n >= 0) {
+        } else if (line.rfind("out ", 0) == 0 && qzplat::parse_int(line.substr(4), &n) && n >= 0) {
             if (rd.bytes(static_cast<size_t>(n), out) != 0) {
                 *why = who + " stopped sending the command's output";
                 return KRIL_E_IO;
             }
-        } else if (line.rfind("rv ", 0) == 0 && parse_i32(line.substr(3), &n)) {
+        } else if (line.rfind("rv ", 0) == 0 && qzplat::parse_int(line.substr(3), &n)) {
             if (handler_rv != nullptr)
                 *handler_rv = n;
             return 0;
@@ -181,7 +173,7 @@ int32_t find(const char *module, pid_t *pid, std::string *why) {
         return rv;
     std::vector<pid_t> found;
     for (pid_t p : socket_pids(dir)) {
-        Fd probe;
+        UniqueFd probe;
         std::string ignored;
         if (kill(p, 0) != 0 || connect_to(p, &probe, &ignored) != 0)
             continue;  // a dead process's socket
@@ -213,7 +205,7 @@ int32_t find(const char *module, pid_t *pid, std::string *why) {
 extern "C" int32_t kril_client_run(int32_t pid, const char *request, int32_t timeout_ms, FILE *out,
                                    int32_t *handler_rv, char *err, size_t err_len) {
     std::string why;
-    int32_t rv = kril::guarded([&]() -> int32_t {
+    int32_t rv = qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         return kril::run(pid, request, timeout_ms > 0 ? timeout_ms : kril::kDefaultTimeoutMs, out,
                          handler_rv, &why);
     });
@@ -225,7 +217,7 @@ extern "C" int32_t kril_client_find(const char *module, int32_t *pid, char *err,
     if (pid == nullptr)
         return KRIL_E_ARG;
     std::string why;
-    int32_t rv = kril::guarded([&]() -> int32_t {
+    int32_t rv = qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         pid_t found = 0;
         int32_t r = kril::find(module, &found, &why);
         *pid = found;

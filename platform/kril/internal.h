@@ -4,7 +4,6 @@
 #define KRIL_INTERNAL_H
 
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <string>
@@ -13,45 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "kril_shell.h"
 
 namespace kril {
 
-class Fd {
-  public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd &&o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
-    Fd &operator=(Fd &&o) noexcept {
-        if (this != &o)
-            reset(std::exchange(o.fd_, -1));
-        return *this;
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    ~Fd() { reset(); }
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
-
-// No exception may leave a C entry point.
-template <class F>
-int32_t guarded(F &&f) noexcept {
-    try {
-        return f();
-    } catch (...) {
-        return KRIL_E_NOMEM;
-    }
-}
+using qzplat::UniqueFd;
 
 void copy_out(const std::string &text, char *buf, size_t len);
 
@@ -68,7 +34,7 @@ std::string listing();
 // time, starts listening.
 int32_t server_attach(std::thread::id thread);
 // Answers or queues one request line (its newline removed) that arrived on conn.
-void handle_line(Fd conn, std::string_view line);
+void handle_line(UniqueFd conn, std::string_view line);
 
 // Request lines (request.cc).
 struct RequestLine {

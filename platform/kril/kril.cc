@@ -1,14 +1,15 @@
 // The debug shell stand-in: modules and their commands, kept in process.
-#include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "common/c_barrier.h"
+#include "common/parse_int.h"
 #include "internal.h"
 #include "kril.h"
 #include "kril_shell.h"
@@ -57,20 +58,22 @@ const Command *find_command(const Module &m, const char *cmd) {
     return nullptr;
 }
 
+// "%d" reads as scanf's %d does, but all of it: blanks around the number
+// and a '+' are allowed, nothing else.
 bool parse_int(const char *text, int32_t *out) {
     if (text == nullptr)
         return false;
-    errno = 0;
-    char *end = nullptr;
-    long v = strtol(text, &end, 10);
-    if (end == text || errno != 0 || v < INT32_MIN || v > INT32_MAX)
-        return false;
-    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r')
-        ++end;
-    if (*end != '\0')
-        return false;
-    *out = static_cast<int32_t>(v);
-    return true;
+    std::string_view s(text);
+    const size_t first = s.find_first_not_of(" \t\n\v\f\r");
+    s.remove_prefix(first == std::string_view::npos ? s.size() : first);
+    const size_t last = s.find_last_not_of(" \t\n\r");
+    s = s.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    if (s.starts_with('+')) {
+        s.remove_prefix(1);
+        if (s.starts_with('-'))
+            return false;
+    }
+    return qzplat::parse_int(s, out);
 }
 
 }  // namespace
@@ -78,7 +81,7 @@ bool parse_int(const char *text, int32_t *out) {
 extern "C" int32_t kril_multi_thread_init(void *global, const char *module, void *handle) {
     if (module == nullptr || module[0] == '\0' || handle == nullptr)
         return KRIL_E_ARG;
-    return kril::guarded([&]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         const auto self = std::this_thread::get_id();
         if (int32_t rv = kril::server_attach(self); rv != 0)
             return rv;
@@ -108,7 +111,7 @@ extern "C" int32_t kril_multi_thread_reg_mod_cmd(void *handle, const char *modul
         return KRIL_E_ARG;
     Handle h;
     memcpy(&h, handle, sizeof h);
-    return kril::guarded([&]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         std::lock_guard<std::mutex> lock(g_mutex);
         if (h.magic != kMagic || h.module_id >= g_modules.size())
             return KRIL_E_BAD_HANDLE;
@@ -178,7 +181,7 @@ extern "C" int32_t kril_call(const char *module, const char *cmd, const char *ar
     if (module == nullptr || cmd == nullptr)
         return KRIL_E_ARG;
     Command c;
-    int32_t found = kril::guarded([&]() -> int32_t {
+    int32_t found = qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         std::lock_guard<std::mutex> lock(g_mutex);
         const Module *m = find_module(module);
         if (m == nullptr)

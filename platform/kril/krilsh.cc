@@ -3,7 +3,6 @@
 // Exit status: 0 the command ran (whatever it returned, unless --check);
 // 1 it could not run, with one "krilsh: <reason>" line; 2 usage; 3 with
 // --check, it ran and returned a negative result.
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/parse_int.h"
 #include "kril_shell.h"
 
 namespace {
@@ -36,9 +36,7 @@ constexpr char kFooter[] =
 // saturation of a long that is 32 bits wide on the device.
 bool positive(const std::string &text, int64_t max, int64_t *out) {
     int64_t v = 0;
-    const char *end = text.data() + text.size();
-    auto [p, ec] = std::from_chars(text.data(), end, v);
-    if (text.empty() || ec != std::errc() || p != end || v < 1 || v > max)
+    if (!qzplat::parse_int(text, &v) || v < 1 || v > max)
         return false;
     *out = v;
     return true;

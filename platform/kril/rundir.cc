@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/c_barrier.h"
+#include "common/parse_int.h"
 #include "internal.h"
 
 namespace kril {
@@ -63,10 +65,11 @@ std::vector<pid_t> socket_pids(const std::string &dir) {
     if (d == nullptr)
         return pids;
     while (const dirent *e = readdir(d)) {
-        char *end = nullptr;
-        long pid = strtol(e->d_name, &end, 10);
-        if (end != e->d_name && pid > 0 && strcmp(end, ".sock") == 0)
-            pids.push_back(static_cast<pid_t>(pid));
+        std::string_view name(e->d_name);
+        pid_t pid = 0;
+        if (name.ends_with(".sock") && qzplat::parse_int(name.substr(0, name.size() - 5), &pid) &&
+            pid > 0)
+            pids.push_back(pid);
     }
     closedir(d);
     return pids;
@@ -90,7 +93,7 @@ bool send_all(int fd, const std::string &data, int flags) {
 extern "C" int32_t kril_check_run_dir(const char *dir, int32_t create, char *why, size_t why_len) {
     if (dir == nullptr)
         return KRIL_E_ARG;
-    return kril::guarded([&]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         std::string reason;
         int32_t rv = kril::check_run_dir(dir, create != 0, &reason);
         kril::copy_out(reason, why, why_len);

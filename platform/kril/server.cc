@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,6 +20,8 @@
 #include <memory>
 #include <mutex>
 
+#include "common/c_barrier.h"
+#include "common/wake_fd.h"
 #include "internal.h"
 
 namespace kril {
@@ -39,27 +40,17 @@ constexpr int kSendTimeoutSec = 5;  // a requester that stops reading cannot sta
 
 struct Request {
     uint64_t id;
-    Fd conn;
+    UniqueFd conn;
     std::string module, cmd, arg;
 };
 
 struct Queue {
-    Fd event;
+    qzplat::WakeFd event;  // readable exactly while requests wait
     std::deque<Request> pending;
-
-    // The event stays readable exactly while requests wait.
-    void signal() {
-        uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = write(event.get(), &one, sizeof one);
-    }
-    void clear_signal() {
-        uint64_t v;
-        [[maybe_unused]] ssize_t n = read(event.get(), &v, sizeof v);
-    }
 };
 
 struct Reading {
-    Fd conn;
+    UniqueFd conn;
     std::string buf;
     Clock::time_point since;
 };
@@ -72,7 +63,8 @@ struct Server {
     std::once_flag started;
     std::string path;  // empty: reachable only in process
     pid_t creator = 0;
-    Fd listen_fd, wake;
+    UniqueFd listen_fd;
+    qzplat::WakeFd wake;
     std::thread listener;
     std::atomic<bool> stop{false};
 };
@@ -182,7 +174,7 @@ class StdoutCapture {
         }
         active_ = false;
     }
-    Fd file_, saved_[kStd];
+    UniqueFd file_, saved_[kStd];
     bool active_ = false;
 };
 
@@ -218,13 +210,13 @@ bool run_request(Request &r) {
 }
 
 // Listener side: errors answered at once must never block the listener.
-void reply(const Fd &conn, const std::string &text) {
+void reply(const UniqueFd &conn, const std::string &text) {
     send_all(conn.get(), text, MSG_DONTWAIT);
 }
 
 }  // namespace
 
-void handle_line(Fd conn, std::string_view line) {
+void handle_line(UniqueFd conn, std::string_view line) {
     // Names and arguments end at a NUL once they are C strings: a request
     // holding one would run a command other than the one it spells.
     if (line.find('\0') != std::string_view::npos)
@@ -263,7 +255,7 @@ void handle_line(Fd conn, std::string_view line) {
                                                        module + "'"));
     }
     q.pending.push_back(Request{++s.next_id, std::move(conn), module, cmd, arg});
-    q.signal();
+    q.event.signal();
 }
 
 namespace {
@@ -296,7 +288,7 @@ bool read_request(Reading &r) {
 }
 
 void accept_one(int listen_fd, std::vector<Reading> &reading) {
-    Fd conn(accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
+    UniqueFd conn(accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
     if (!conn)
         return;
     ucred cred{};
@@ -338,7 +330,7 @@ void drop_queued(uint64_t id) {
             if (it->id == id) {
                 q->pending.erase(it);
                 if (q->pending.empty())
-                    q->clear_signal();
+                    q->event.drain();
                 return;
             }
         }
@@ -352,7 +344,7 @@ void listen_loop() {
     std::vector<uint64_t> queued;
     while (!s.stop.load()) {
         try {
-            fds.assign({{s.wake.get(), POLLIN, 0}, {s.listen_fd.get(), POLLIN, 0}});
+            fds.assign({{s.wake.fd(), POLLIN, 0}, {s.listen_fd.get(), POLLIN, 0}});
             for (const auto &r : reading)
                 fds.push_back({r.conn.get(), POLLIN, 0});
             queued.clear();
@@ -400,8 +392,7 @@ void stop_server() {
     if (s.creator != getpid())
         return;  // a forked child: the listener and the socket are the parent's
     s.stop = true;
-    uint64_t one = 1;
-    [[maybe_unused]] ssize_t n = write(s.wake.get(), &one, sizeof one);
+    s.wake.signal();
     if (s.listener.joinable())
         s.listener.join();
     unlink(s.path.c_str());
@@ -430,9 +421,9 @@ void start_server() {
     memcpy(addr.sun_path, path.c_str(), path.size() + 1);
 
     // Non-blocking: a connection that vanishes between poll and accept must not stall us.
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    Fd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!fd || !wake)
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    qzplat::WakeFd wake;
+    if (!fd || !wake.open())
         return not_reachable(std::string("socket: ") + strerror(errno));
     unlink(path.c_str());  // left by a dead process that had our pid
     // The directory already keeps others out; the mode is set before anyone may connect.
@@ -462,8 +453,7 @@ int32_t server_attach(std::thread::id thread) {
         auto &q = s.queues[thread];
         if (!q) {
             auto fresh = std::make_shared<Queue>();
-            fresh->event.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-            if (!fresh->event) {
+            if (!fresh->event.open()) {
                 s.queues.erase(thread);
                 return KRIL_E_IO;
             }
@@ -477,19 +467,19 @@ int32_t server_attach(std::thread::id thread) {
 }  // namespace kril
 
 extern "C" int32_t kril_poll(int32_t timeout_ms) {
-    return kril::guarded([&]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         auto q = kril::queue_of(std::this_thread::get_id());
         if (!q)
             return KRIL_E_NO_MODULE;
         if (timeout_ms != 0) {
-            pollfd p{q->event.get(), POLLIN, 0};
+            pollfd p{q->event.fd(), POLLIN, 0};
             poll(&p, 1, timeout_ms < 0 ? -1 : timeout_ms);
         }
         std::deque<kril::Request> batch;
         {
             std::lock_guard<std::mutex> lock(kril::S().mu);
             batch.swap(q->pending);
-            q->clear_signal();
+            q->event.drain();
         }
         int32_t ran = 0;
         for (auto &r : batch)
@@ -499,14 +489,14 @@ extern "C" int32_t kril_poll(int32_t timeout_ms) {
 }
 
 extern "C" int32_t kril_fd(void) {
-    return kril::guarded([]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, []() -> int32_t {
         auto q = kril::queue_of(std::this_thread::get_id());
-        return q ? q->event.get() : KRIL_E_NO_MODULE;
+        return q ? q->event.fd() : KRIL_E_NO_MODULE;
     });
 }
 
 extern "C" int32_t kril_socket_path(char *path, size_t len) {
-    return kril::guarded([&]() -> int32_t {
+    return qzplat::c_barrier(KRIL_E_NOMEM, [&]() -> int32_t {
         kril::Server &s = kril::S();
         std::lock_guard<std::mutex> lock(s.mu);
         if (s.path.empty() || s.creator != getpid())

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "client.h"
+#include "common/c_barrier.h"
 #include "codec.h"
 #include "qz_mom.h"
 #include "qz_mom_client.h"
@@ -20,16 +21,6 @@
 using namespace qzmom;
 
 namespace {
-
-// Runs f; an exception (out of memory, thread creation) becomes on_fail.
-template <class R, class F>
-R guarded(R on_fail, F &&f) noexcept {
-    try {
-        return f();
-    } catch (...) {
-        return on_fail;
-    }
-}
 
 // The status a status-returning op must return instead of running, if any.
 bool status_fault(Client *c, qz_mom_op_t op, int32_t *status) {
@@ -106,7 +97,7 @@ int32_t encode_op(const qz_mom_write_op_t &op, RecordWrite *out) {
 }  // namespace
 
 QZ_MOM_EXPORT void *qz_mom_client_create(const char *uri) {
-    return guarded<void *>(nullptr, [&]() -> void * {
+    return qzplat::c_barrier(nullptr, [&]() -> void * {
         std::string why;
         int32_t code = 0;
         Client *c = Client::create(uri, &why, &code);
@@ -123,7 +114,7 @@ QZ_MOM_EXPORT void *qz_mom_client_open(const char *uri, int32_t *error_code, cha
                                        size_t why_len) {
     std::string reason = "out of memory";
     int32_t code = QZ_MOM_E_NOMEM;
-    Client *c = guarded<Client *>(nullptr, [&] { return Client::create(uri, &reason, &code); });
+    Client *c = qzplat::c_barrier(nullptr, [&] { return Client::create(uri, &reason, &code); });
     if (error_code != nullptr)
         *error_code = c != nullptr ? 0 : code;
     if (why != nullptr && why_len > 0) {
@@ -172,7 +163,8 @@ QZ_MOM_EXPORT int32_t qz_mom_client_set_reconnect_cb(void *global, int32_t db,
     int32_t st = 0;
     if (status_fault(c, QZ_MOM_OP_SET_RECONNECT_CB, &st))
         return st;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] { return c->add_reconnect_cb(db, cb, user_data); });
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM,
+                             [&] { return c->add_reconnect_cb(db, cb, user_data); });
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_set_write_buf_len(void *global, int32_t db, uint32_t len) {
@@ -197,7 +189,7 @@ QZ_MOM_EXPORT void *qz_mom_get_sync(void *global, int32_t db, const ProtobufCMes
         set(QZ_MOM_E_ARG);
         return nullptr;
     }
-    return guarded<void *>(nullptr, [&]() -> void * {
+    return qzplat::c_barrier(nullptr, [&]() -> void * {
         Fault f;
         qz_mom_hash_res_t *res = nullptr;
         if (c->faults().take(QZ_MOM_OP_GET, &f)) {
@@ -221,14 +213,14 @@ QZ_MOM_EXPORT void *qz_mom_get_sync(void *global, int32_t db, const ProtobufCMes
 
 QZ_MOM_EXPORT qz_mom_hash_res_t *qz_mom_hgetall_sync(void *global, int32_t db,
                                                      const ProtobufCMessage *key) {
-    return guarded<qz_mom_hash_res_t *>(
-        nullptr, [&] { return hgetall(global, db, nullptr, key, QZ_MOM_OP_HGETALL); });
+    return qzplat::c_barrier(nullptr,
+                             [&] { return hgetall(global, db, nullptr, key, QZ_MOM_OP_HGETALL); });
 }
 
 QZ_MOM_EXPORT qz_mom_hash_res_t *qz_mom_hgetall_ext_sync(void *global, int32_t db, int32_t *option,
                                                          const ProtobufCMessage *key) {
     // Option 2 (and no option) is one plain read; the embedded store knows no other.
-    return guarded<qz_mom_hash_res_t *>(
+    return qzplat::c_barrier(
         nullptr, [&] { return hgetall(global, db, option, key, QZ_MOM_OP_HGETALL_EXT); });
 }
 
@@ -240,7 +232,7 @@ QZ_MOM_EXPORT int32_t qz_mom_scan_sync(void *global, int32_t db, const ProtobufC
     int32_t st = 0;
     if (status_fault(c, QZ_MOM_OP_SCAN, &st))
         return st;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] { return c->scan(db, pattern, cb, privdata); });
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] { return c->scan(db, pattern, cb, privdata); });
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufCMessage *pattern,
@@ -251,8 +243,8 @@ QZ_MOM_EXPORT int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufC
     int32_t st = 0;
     if (status_fault(c, QZ_MOM_OP_SUBSCRIBE, &st))
         return st;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM,
-                            [&] { return c->subscribe(db, pattern, cb, privdata); });
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM,
+                             [&] { return c->subscribe(db, pattern, cb, privdata); });
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_subscribe_field(void *global, int32_t db, const ProtobufCMessage *key,
@@ -266,7 +258,7 @@ QZ_MOM_EXPORT int32_t qz_mom_subscribe_field(void *global, int32_t db, const Pro
     int32_t st = 0;
     if (status_fault(c, QZ_MOM_OP_SUBSCRIBE_FIELD, &st))
         return st;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
         return c->subscribe_field(db, key, field_count, fields, cbs, args);
     });
 }
@@ -291,7 +283,7 @@ QZ_MOM_EXPORT int32_t qz_mom_write(void *global, int32_t db, const ProtobufCMess
     if (c == nullptr || db < 0 || !valid_message(record) || field_count == 0 || fields == nullptr) {
         return QZ_MOM_E_ARG;
     }
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
         const ProtobufCMessageDescriptor *desc = record->descriptor;
         const ProtobufCFieldDescriptor *idx = index_field(desc);
         std::string key;
@@ -323,7 +315,7 @@ QZ_MOM_EXPORT int32_t qz_mom_write_batch(void *global, int32_t db, const qz_mom_
     Client *c = Client::from(global);
     if (c == nullptr || db < 0 || (ops == nullptr && count != 0))
         return QZ_MOM_E_ARG;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
         std::vector<RecordWrite> records(count);
         for (uint32_t i = 0; i < count; ++i) {
             int32_t rc = encode_op(ops[i], &records[i]);
@@ -341,7 +333,7 @@ QZ_MOM_EXPORT int32_t qz_mom_delete(void *global, int32_t db, const ProtobufCMes
     Client *c = Client::from(global);
     if (c == nullptr || db < 0 || !valid_message(key))
         return QZ_MOM_E_ARG;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
         std::string k;
         int32_t rc = encode_key(key, k, nullptr);
         return rc != 0 ? rc : c->store().remove(db, k);
@@ -355,7 +347,7 @@ QZ_MOM_EXPORT int32_t qz_mom_hset_raw(void *global, int32_t db, const char *key,
         (value == nullptr && value_len != 0)) {
         return QZ_MOM_E_ARG;
     }
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
         FieldWrite w{field, std::string_view(static_cast<const char *>(value), value_len), false};
         if (value == nullptr)
             w.value = std::string_view();
@@ -367,13 +359,13 @@ QZ_MOM_EXPORT int32_t qz_mom_del_raw(void *global, int32_t db, const char *key) 
     Client *c = Client::from(global);
     if (c == nullptr || db < 0 || key == nullptr)
         return QZ_MOM_E_ARG;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] { return c->store().remove(db, key); });
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] { return c->store().remove(db, key); });
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_format_key(const ProtobufCMessage *key, char *buf, size_t buf_len) {
     if (!valid_message(key) || buf == nullptr)
         return QZ_MOM_E_ARG;
-    return guarded<int32_t>(QZ_MOM_E_NOMEM, [&] {
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
         std::string k;
         int32_t rc = encode_key(key, k, nullptr);
         if (rc != 0)

@@ -1,8 +1,5 @@
 #include "client.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -49,8 +46,7 @@ Client *Client::create(const char *uri, std::string *why, int32_t *code) {
     if (c->store_ == nullptr)
         return nullptr;
     if (c->store_->serves()) {
-        c->wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (c->wake_fd_ < 0) {
+        if (!c->wake_fd_.open()) {
             *why = "eventfd failed";
             *code = QZ_MOM_E_NOMEM;
             return nullptr;
@@ -70,33 +66,29 @@ Client::~Client() {
     wake();
     if (thread_.joinable())
         thread_.join();
-    if (wake_fd_ >= 0)
-        close(wake_fd_);
     // Only now: a callback still running above may call the bus with this handle.
     magic_ = 0;
 }
 
 void Client::wake() {
-    if (wake_fd_ < 0) {
+    if (!wake_fd_) {
         q_cv_.notify_one();
         return;
     }
-    const uint64_t one = 1;
-    ssize_t n = write(wake_fd_, &one, sizeof one);
-    (void)n;  // the counter is already non-zero
+    wake_fd_.signal();
 }
 
 void Client::run() {
     thread_id_.store(std::this_thread::get_id(), std::memory_order_relaxed);
     std::unique_lock<std::mutex> lk(q_mu_);
     for (;;) {
-        if (wake_fd_ < 0) {
+        if (!wake_fd_) {
             q_cv_.wait(lk, [this] { return stop_ || !queue_.empty(); });
         } else {
             while (!stop_ && queue_.empty()) {
                 waiting_ = true;
                 lk.unlock();
-                store_->serve(wake_fd_);
+                store_->serve(wake_fd_.fd());
                 lk.lock();
                 waiting_ = false;
             }
@@ -130,7 +122,7 @@ void Client::post(Item item) {
         idle = waiting_;
     }
     // From the delivery thread (a store serving it) nothing needs waking.
-    if (wake_fd_ < 0 || (idle && !on_delivery_thread()))
+    if (!wake_fd_ || (idle && !on_delivery_thread()))
         wake();
 }
 

@@ -48,6 +48,7 @@
 #include <vector>
 
 #include "codec.h"
+#include "common/wake_fd.h"
 #include "faults.h"
 #include "qz_mom.h"
 #include "qz_mom_client.h"
@@ -201,7 +202,7 @@ class Client final : public StoreListener {
 
     std::mutex q_mu_;
     std::condition_variable q_cv_;  // wakes the delivery thread, unless:
-    int wake_fd_ = -1;              // its store serves it (Store::serve): then this
+    qzplat::WakeFd wake_fd_;        // its store serves it (Store::serve): then this
     bool waiting_ = false;          // it waits in store_->serve()
     std::deque<Item> queue_;
     bool stop_ = false;

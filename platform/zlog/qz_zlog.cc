@@ -14,10 +14,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "common/c_barrier.h"
 
 // Stamps come from time_t: a 32-bit one ends in January 2038.
 static_assert(sizeof(time_t) >= 8, "build with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64");
@@ -70,17 +71,15 @@ extern "C" void *qz_zlog_init(const char *category) {
         return nullptr;
     // One category per name for the life of the process, as zlog keeps them:
     // every initialisation asks again, and must not cost a new one.
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> lock(mutex);
-    try {
+    return qzplat::c_barrier(nullptr, [&]() -> void * {
+        static std::mutex mutex;
+        std::lock_guard<std::mutex> lock(mutex);
         static auto *categories = new std::map<std::string, std::unique_ptr<Category>, std::less<>>;
         auto it = categories->find(std::string_view(category));
         if (it == categories->end())
             it = categories->emplace(category, std::make_unique<Category>(category)).first;
         return it->second.get();
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
+    });
 }
 
 extern "C" void qzdf_zlog(void *category, const char *file, size_t filelen, const char *func,
@@ -103,11 +102,13 @@ extern "C" void qzdf_zlog(void *category, const char *file, size_t filelen, cons
     char stamp[32];
     strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
 
-    std::lock_guard<std::mutex> lock(g_sink_mutex);
-    FILE *out = sink();
-    fprintf(out, "%s.%03ld %s [%ld:%ld] %.*s:%ld %.*s: %s\n", stamp, ts.tv_nsec / 1000000L,
-            level_name(level), static_cast<long>(getpid()), static_cast<long>(syscall(SYS_gettid)),
-            static_cast<int>(filelen), file ? file : "", line, static_cast<int>(funclen),
-            func ? func : "", msg);
-    fflush(out);
+    qzplat::c_barrier_void([&] {
+        std::lock_guard<std::mutex> lock(g_sink_mutex);
+        FILE *out = sink();
+        fprintf(out, "%s.%03ld %s [%ld:%ld] %.*s:%ld %.*s: %s\n", stamp, ts.tv_nsec / 1000000L,
+                level_name(level), static_cast<long>(getpid()),
+                static_cast<long>(syscall(SYS_gettid)), static_cast<int>(filelen), file ? file : "",
+                line, static_cast<int>(funclen), func ? func : "", msg);
+        fflush(out);
+    });
 }
