@@ -14,6 +14,9 @@
 #include <chrono>
 #include <cstring>
 
+#include "common/parse_int.h"
+#include "common/unique_fd.h"
+
 namespace qzmom::redis {
 namespace {
 
@@ -135,8 +138,7 @@ bool parse_endpoint(std::string_view uri, Endpoint *out, std::string *why) {
     }
     if (port.data() != nullptr) {
         int p = 0;
-        auto [end, ec] = std::from_chars(port.data(), port.data() + port.size(), p);
-        if (ec != std::errc() || end != port.data() + port.size() || p < 1 || p > 65535) {
+        if (!qzplat::parse_int(port, &p) || p < 1 || p > 65535) {
             *why = "bad port \"" + std::string(port) + "\"";
             return false;
         }
@@ -173,19 +175,20 @@ int connect_socket(const Endpoint &ep, std::string *why) {
             return -1;
         }
         memcpy(addr.sun_path, ep.path.data(), ep.path.size());
-        const int fd = socket(AF_UNIX, kType, 0);
-        if (fd < 0) {
+        qzplat::UniqueFd fd(socket(AF_UNIX, kType, 0));
+        if (!fd) {
             *why = strerror(errno);
             return -1;
         }
-        const int err =
-            connect_until(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr, deadline);
-        if (err != 0 || !set_blocking_with_timeouts(fd)) {
-            *why = connect_error(err != 0 ? err : errno);
-            ::close(fd);
+        int err = connect_until(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr,
+                                deadline);
+        if (err == 0 && !set_blocking_with_timeouts(fd.get()))
+            err = errno;
+        if (err != 0) {
+            *why = connect_error(err);
             return -1;
         }
-        return fd;
+        return fd.release();
     }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -199,20 +202,19 @@ int connect_socket(const Endpoint &ep, std::string *why) {
     std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owned(found, freeaddrinfo);
     int err = ECONNREFUSED;
     for (const addrinfo *a = found; a != nullptr; a = a->ai_next) {
-        const int fd = socket(a->ai_family, kType, a->ai_protocol);
-        if (fd < 0) {
+        qzplat::UniqueFd fd(socket(a->ai_family, kType, a->ai_protocol));
+        if (!fd) {
             err = errno;
             continue;
         }
-        err = connect_until(fd, a->ai_addr, a->ai_addrlen, deadline);
-        if (err == 0 && !set_blocking_with_timeouts(fd))
+        err = connect_until(fd.get(), a->ai_addr, a->ai_addrlen, deadline);
+        if (err == 0 && !set_blocking_with_timeouts(fd.get()))
             err = errno;
         if (err == 0) {
             const int on = 1;
-            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            return fd;
+            setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            return fd.release();
         }
-        ::close(fd);
         if (err == ETIMEDOUT)
             break;  // the time is spent
     }
@@ -221,15 +223,15 @@ int connect_socket(const Endpoint &ep, std::string *why) {
 }
 
 std::unique_ptr<Conn> Conn::open(const Endpoint &ep, std::string *why) {
-    const int fd = connect_socket(ep, why);
-    if (fd < 0)
+    qzplat::UniqueFd fd(connect_socket(ep, why));
+    if (!fd)
         return nullptr;
-    ContextPtr c(redisConnectFd(fd));  // owns fd from here, also when it fails
+    ContextPtr c(redisConnectFd(fd.get()));
     if (c == nullptr) {
-        ::close(fd);
         *why = "out of memory";
         return nullptr;
     }
+    (void)fd.release();  // the context closes it
     if (c->err != 0) {
         *why = error_of(c.get());
         return nullptr;

@@ -1,6 +1,6 @@
 #include "redis_names.h"
 
-#include <charconv>
+#include "common/parse_int.h"
 
 namespace qzmom::redis {
 namespace {
@@ -32,13 +32,10 @@ bool parse_channel(std::string_view ch, int32_t *db, std::string_view *rest) {
     if (!ch.starts_with(kChannelPrefix))
         return false;
     ch.remove_prefix(kChannelPrefix.size());
-    auto [end, ec] = std::from_chars(ch.data(), ch.data() + ch.size(), *db);
-    if (ec != std::errc())
+    const size_t end = ch.find("__:");
+    if (end == std::string_view::npos || !qzplat::parse_int(ch.substr(0, end), db))
         return false;
-    ch.remove_prefix(static_cast<size_t>(end - ch.data()));
-    if (!ch.starts_with("__:"))
-        return false;
-    *rest = ch.substr(3);
+    *rest = ch.substr(end + 3);
     return true;
 }
 

@@ -1,7 +1,6 @@
 #include "redis_store.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -59,12 +58,6 @@ bool hgetall(Conn &c, std::string_view key, Snapshot *out, int32_t *rc, std::str
     return true;
 }
 
-void drain(int fd) {
-    uint64_t v = 0;
-    ssize_t n = ::read(fd, &v, sizeof v);
-    (void)n;
-}
-
 }  // namespace
 
 RedisStore::RedisStore(redis::Endpoint ep, StoreListener *listener)
@@ -75,13 +68,10 @@ RedisStore::RedisStore(redis::Endpoint ep, StoreListener *listener)
 
 RedisStore::~RedisStore() {
     close();
-    if (wake_fd_ >= 0)
-        ::close(wake_fd_);
 }
 
 bool RedisStore::start(std::string *why, int32_t *code) {
-    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake_fd_ < 0) {
+    if (!wake_.open()) {
         *why = "eventfd failed";
         *code = QZ_MOM_E_NOMEM;
         return false;
@@ -144,6 +134,18 @@ int32_t RedisStore::get_ordered(int32_t db, std::string_view key, Snapshot *out,
         return QZ_MOM_E_CONN;
     }
     return sub_.get_ordered(db, key, out, seq);
+}
+
+void RedisStore::get_ordered_many(std::vector<OrderedRead> &reads) {
+    if (!up_.load(std::memory_order_acquire)) {
+        for (OrderedRead &r : reads) {
+            r.record.reset();
+            r.seq = 0;
+            r.rc = QZ_MOM_E_CONN;
+        }
+        return;
+    }
+    sub_.get_ordered_many(reads);
 }
 
 int32_t RedisStore::scan(int32_t db, std::string_view type, bool keyed, std::vector<Entry> *out) {
@@ -279,13 +281,15 @@ int32_t RedisStore::watch(const WatchSpec &spec, uint64_t *id) {
 }
 
 int32_t RedisStore::watch_deferred(const WatchSpec &spec, uint64_t *id) {
-    const int32_t rc = sub_.watch(spec, true, id);
-    wake();  // the delivery thread sends it if no one settles it first
-    return rc;
+    return sub_.watch(spec, true, id);
 }
 
 int32_t RedisStore::settle(uint64_t id) {
     return sub_.settle(id);
+}
+
+bool RedisStore::in_place(uint64_t id) {
+    return sub_.in_place(id);
 }
 
 void RedisStore::unwatch(uint64_t id) {
@@ -302,7 +306,7 @@ void RedisStore::close() {
         up_.store(false, std::memory_order_release);
     }
     sub_.interrupt();  // wakes watch() waiters
-    wake();
+    wake_.signal();
     std::lock_guard<std::mutex> serving(serve_mu_);  // serve() has returned
     sub_.detach();
     {
@@ -326,7 +330,7 @@ void RedisStore::serve(int wake_fd) {
         serving.unlock();
         pollfd p{wake_fd, POLLIN, 0};
         poll(&p, 1, -1);
-        drain(wake_fd);
+        qzplat::WakeFd::drain(wake_fd);
         return;
     }
     if (phase == Phase::kLost) {
@@ -343,16 +347,16 @@ void RedisStore::serve(int wake_fd) {
             try_reconnect();
             return;
         }
-        pollfd fds[2] = {{wake_fd, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
+        pollfd fds[2] = {{wake_fd, POLLIN, 0}, {wake_.fd(), POLLIN, 0}};
         if (poll(fds, 2, static_cast<int>(left) + 1) > 0) {
             for (const pollfd &p : fds) {
                 if (p.revents != 0)
-                    drain(p.fd);
+                    qzplat::WakeFd::drain(p.fd);
             }
         }
         return;
     }
-    sub_.serve_once(wake_fd, wake_fd_);
+    sub_.serve_once(wake_fd, wake_.fd());
 }
 
 bool RedisStore::open_links(Links *l, std::string *why, bool *refused) {
@@ -409,13 +413,7 @@ void RedisStore::lost(uint64_t gen, const std::string &why) {
         up_.store(false, std::memory_order_release);
     }
     sub_.interrupt();
-    wake();
-}
-
-void RedisStore::wake() {
-    const uint64_t one = 1;
-    ssize_t n = ::write(wake_fd_, &one, sizeof one);
-    (void)n;  // already signalled when the counter is full
+    wake_.signal();
 }
 
 // REQUIRES: serve_mu_ held. Drops every connection and watch; returns why

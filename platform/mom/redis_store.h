@@ -33,6 +33,7 @@
 #include "redis_conn.h"
 #include "redis_subscriber.h"
 #include "store.h"
+#include "common/wake_fd.h"
 
 namespace qzmom {
 
@@ -51,6 +52,7 @@ class RedisStore final : public Store {
     int32_t connect(int32_t db) override;
     int32_t get(int32_t db, std::string_view key, Snapshot *out) override;
     int32_t get_ordered(int32_t db, std::string_view key, Snapshot *out, uint64_t *seq) override;
+    void get_ordered_many(std::vector<OrderedRead> &reads) override;
     int32_t scan(int32_t db, std::string_view type, bool keyed, std::vector<Entry> *out) override;
     int32_t write(int32_t db, std::string_view key, const FieldWrite *writes,
                   size_t count) override;
@@ -59,6 +61,7 @@ class RedisStore final : public Store {
     int32_t watch(const WatchSpec &spec, uint64_t *id) override;
     int32_t watch_deferred(const WatchSpec &spec, uint64_t *id) override;
     int32_t settle(uint64_t id) override;
+    bool in_place(uint64_t id) override;
     void unwatch(uint64_t id) override;
     void close() override;
     bool serves() const override { return true; }
@@ -77,7 +80,6 @@ class RedisStore final : public Store {
     bool open_links(Links *l, std::string *why, bool *refused);
     void install(Links l);
     void lost(uint64_t gen, const std::string &why);
-    void wake();
     std::string tear_down();
     void try_reconnect();
 
@@ -86,7 +88,7 @@ class RedisStore final : public Store {
     // lock is made with a store lock held.
     const redis::Endpoint ep_;
     StoreListener *const listener_;
-    int wake_fd_ = -1;             // interrupts serve(): a lost connection, close()
+    qzplat::WakeFd wake_;          // interrupts serve(): a lost connection, close()
     std::atomic<bool> up_{false};  // fast path of every call
 
     std::mutex cmd_mu_;

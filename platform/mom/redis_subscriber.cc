@@ -1,7 +1,6 @@
 #include "redis_subscriber.h"
 
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -10,17 +9,12 @@
 #include "redis_names.h"
 #include "redis_reply.h"
 #include "report.h"
+#include "common/wake_fd.h"
 
 namespace qzmom::redis {
 namespace {
 
 constexpr size_t kMaxRemembered = 65536;  // last pushed records kept for comparison
-
-void drain(int fd) {
-    uint64_t v = 0;
-    ssize_t n = ::read(fd, &v, sizeof v);
-    (void)n;
-}
 
 }  // namespace
 
@@ -127,6 +121,12 @@ int32_t Subscriber::settle(uint64_t id) {
     return await(lk, gen_, w->second.seq);
 }
 
+bool Subscriber::in_place(uint64_t id) {
+    std::lock_guard<std::mutex> lk(mu_);
+    auto w = watches_.find(id);
+    return up_ && w != watches_.end() && acked_ >= w->second.seq;
+}
+
 int32_t Subscriber::await(std::unique_lock<std::mutex> &lk, uint64_t gen, uint64_t seq) {
     if (acked_ >= seq)
         return 0;
@@ -189,34 +189,61 @@ void Subscriber::unwatch(uint64_t id) {
 }
 
 int32_t Subscriber::get_ordered(int32_t db, std::string_view key, Snapshot *out, uint64_t *seq) {
-    out->reset();
-    *seq = 0;
+    std::vector<Store::OrderedRead> one(1);
+    one[0].db = db;
+    one[0].key = key;
+    get_ordered_many(one);
+    *out = std::move(one[0].record);
+    *seq = one[0].seq;
+    return one[0].rc;
+}
+
+void Subscriber::get_ordered_many(std::vector<Store::OrderedRead> &reads) {
+    for (Store::OrderedRead &r : reads) {
+        r.record.reset();
+        r.seq = 0;
+        r.rc = QZ_MOM_E_CONN;
+    }
     std::string why;
     uint64_t gen = 0;
     {
         // The push connection's reads are numbered in the order the server ran them.
         std::lock_guard<std::mutex> lk(push_mu_);
         if (push_ == nullptr)
-            return QZ_MOM_E_CONN;
+            return;
         {
             std::lock_guard<std::mutex> g(mu_);
             gen = gen_;
         }
-        bool refused = false;
-        ReplyPtr r;
-        if (push_->select(db, &refused, &why)) {
-            if (refused)
-                return QZ_MOM_E_REPLY;
-            if (push_->run({"HGETALL", key}, &r, &why)) {
+        std::vector<ReplyPtr> replies;
+        size_t i = 0;
+        while (i < reads.size()) {  // one round trip per run of reads in one db
+            bool refused = false;
+            if (!push_->select(reads[i].db, &refused, &why))
+                break;
+            size_t end = i;
+            while (end < reads.size() && reads[end].db == reads[i].db)
+                ++end;
+            if (refused) {
+                for (; i < end; ++i)
+                    reads[i].rc = QZ_MOM_E_REPLY;
+                continue;
+            }
+            for (size_t k = i; k < end; ++k)
+                push_->queue({"HGETALL", reads[k].key});
+            if (!push_->exchange(&replies, &why))
+                break;
+            for (size_t k = 0; i < end; ++i, ++k) {
                 std::string_view err;
-                *seq = ++read_seq_;
-                return to_snapshot(r.get(), out, &err);
+                reads[i].seq = ++read_seq_;
+                reads[i].rc = to_snapshot(replies[k].get(), &reads[i].record, &err);
             }
         }
+        if (i == reads.size())
+            return;
         push_.reset();
     }
     report_lost(gen, why);
-    return QZ_MOM_E_CONN;
 }
 
 void Subscriber::serve_once(int wake_fd, int store_wake_fd) {
@@ -239,7 +266,7 @@ void Subscriber::serve_once(int wake_fd, int store_wake_fd) {
     if (poll(fds, 3, -1) > 0) {
         for (int i = 1; i < 3; ++i) {
             if (fds[i].revents != 0)
-                drain(fds[i].fd);
+                qzplat::WakeFd::drain(fds[i].fd);
         }
         if (fds[0].revents != 0)
             read_sub();

@@ -63,10 +63,12 @@ class Subscriber {
     // Store::settle: 0 once watch id is in place, QZ_MOM_E_CONN when the
     // connection was lost (or the watch dropped) first.
     int32_t settle(uint64_t id);
+    bool in_place(uint64_t id);
     void unwatch(uint64_t id);
 
-    // Store::get_ordered, on the push connection.
+    // Store::get_ordered and get_ordered_many, on the push connection.
     int32_t get_ordered(int32_t db, std::string_view key, Snapshot *out, uint64_t *seq);
+    void get_ordered_many(std::vector<Store::OrderedRead> &reads);
 
     // One turn of the delivery thread while the connection is up: sends
     // queued requests, waits until the subscriber connection or a wake-up
