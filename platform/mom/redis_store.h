@@ -15,6 +15,10 @@
 // wants a password or refuses CONFIG fails the open with the reason: the
 // handle is not created.
 //
+// A deferred watch (watch_deferred) only queues its SUBSCRIBE: the queue goes
+// out in one write with the next settle() or serve(), so that a thousand
+// renewals cost one round trip, not a thousand.
+//
 // Events for one key already waiting in the same read are folded into one
 // HGETALL, and a record equal to the last one pushed for its key is not
 // pushed again: a rewrite of the same values delivers nothing, as a later
