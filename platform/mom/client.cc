@@ -287,7 +287,12 @@ int32_t Client::add_sub(const SubPtr &sub) {
         // Held across watch() so that a concurrent drop_subs() sees either
         // nothing of this subscription or all of it.
         std::lock_guard<std::mutex> lk(subs_mu_);
-        int32_t rc = store_->watch(WatchSpec{sub->db, sub->key, sub->whole_type}, &sub->watch_id);
+        const WatchSpec spec{sub->db, sub->key, sub->whole_type};
+        // Only field subscriptions: the read behind their 29 catches a
+        // change made before they were in place.
+        sub->deferred = sub->is_field() && on_delivery_thread() && renewing_;
+        int32_t rc = sub->deferred ? store_->watch_deferred(spec, &sub->watch_id)
+                                   : store_->watch(spec, &sub->watch_id);
         if (rc != 0)
             return rc;
         sub->id = next_sub_++;
@@ -312,11 +317,43 @@ int32_t Client::add_sub(const SubPtr &sub) {
         }
         (sub->whole_type ? by_type_ : by_key_).emplace(sub->key, sub);
     }
+    if (sub->deferred) {
+        renewed_.push_back(sub);
+        return 0;
+    }
     post(Item{nullptr, [this, sub] { confirm(sub); }});
     return 0;
 }
 
-void Client::confirm(const SubPtr &sub) {
+void Client::confirm_renewed(const std::vector<SubPtr> &subs) {
+    // Wait for the next one in place, then confirm it together with those
+    // whose confirmations came with its own: each 29 goes out as soon as
+    // its subscription is in place, the records behind them read in one
+    // round trip per group.
+    std::vector<SubPtr> group;
+    std::vector<Store::OrderedRead> reads;
+    for (size_t next = 0; next < subs.size();) {
+        const SubPtr &first = subs[next++];
+        if (!first->active.load(std::memory_order_acquire) ||
+            store_->settle(first->watch_id) != 0) {
+            continue;  // dropped with its connection; renewed by the next reconnection
+        }
+        group.assign(1, first);
+        for (; next < subs.size() && store_->in_place(subs[next]->watch_id); ++next)
+            group.push_back(subs[next]);
+        reads.clear();
+        for (const SubPtr &sub : group) {
+            if (sub->is_field())
+                reads.push_back(Store::OrderedRead{sub->db, sub->key, nullptr, 0, 0});
+        }
+        store_->get_ordered_many(reads);
+        size_t r = 0;
+        for (const SubPtr &sub : group)
+            confirm(sub, sub->is_field() ? &reads[r++] : nullptr);
+    }
+}
+
+void Client::confirm(const SubPtr &sub, const Store::OrderedRead *read) {
     if (!sub->active.load(std::memory_order_acquire))
         return;
     Snapshot now;
@@ -327,8 +364,13 @@ void Client::confirm(const SubPtr &sub) {
         // since the base is, from the store as it is now. A change after
         // this read is queued behind the 29 and compared with `last`; one
         // read before it but queued behind it is stale and skipped.
-        if (store_->get_ordered(sub->db, sub->key, &now, &sub->confirm_seq) != 0)
+        if (read != nullptr) {
+            sub->confirm_seq = read->seq;
+            if (read->rc == 0)
+                now = read->record;
+        } else if (store_->get_ordered(sub->db, sub->key, &now, &sub->confirm_seq) != 0) {
             now.reset();
+        }
         hit.assign(sub->targets.size(), false);
         for (size_t i = 0; i < sub->targets.size(); ++i) {
             FieldTarget &t = sub->targets[i];
@@ -526,8 +568,19 @@ void Client::run_reconnect_cbs() {
         std::lock_guard<std::mutex> lk(cbs_mu_);
         cbs = reconnect_cbs_;
     }
-    for (const ReconnectCb &r : cbs)
-        r.cb(this, r.db, 1, r.user);
+    renewing_ = true;
+    try {
+        for (const ReconnectCb &r : cbs)
+            r.cb(this, r.db, 1, r.user);
+    } catch (...) {
+        renewing_ = false;
+        throw;
+    }
+    renewing_ = false;
+    if (!renewed_.empty()) {
+        post(Item{nullptr, [this, subs = std::move(renewed_)] { confirm_renewed(subs); }});
+        renewed_.clear();
+    }
 }
 
 int32_t Client::add_reconnect_cb(int32_t db, qz_mom_reconnect_cb cb, void *user) {

@@ -23,6 +23,13 @@
 //   starts from them instead, so a change made while it was dropped is
 //   delivered right after its 29 too. A lost connection drops only the
 //   subscriptions made before it was lost.
+// - Field subscriptions made by a reconnect callback on the handle's
+//   delivery thread (renewals) are requested without waiting, each for its
+//   own confirmation: after the callbacks return they are settled together,
+//   their records read in one round trip, and each gets its 29 once it is in
+//   place; that read delivers what changed before. One whose connection is
+//   lost before that gets no 29; it is dropped with the connection and
+//   renewed by the next reconnection.
 //
 // Lock order: subs_mu_ -> the store's lock -> q_mu_. Callbacks run with no
 // lock held.
@@ -83,6 +90,7 @@ struct Sub {
     std::vector<FieldTarget> targets;  // a field subscription's entries (else empty)
     uint64_t watch_id = 0;
     std::atomic<bool> active{true};
+    bool deferred = false;     // made by a reconnect callback: in place once settled
     bool confirmed = false;    // delivery thread only: its 29 has been sent
     uint64_t confirm_seq = 0;  // delivery thread only: order of the read behind its 29
 
@@ -167,7 +175,10 @@ class Client final : public StoreListener {
     void post(Item item);
     void wake();
     int32_t add_sub(const SubPtr &sub);
-    void confirm(const SubPtr &sub);
+    // Sends sub's 29. A field subscription compares with `read` (its
+    // record read after the watch was in place), or reads itself when null.
+    void confirm(const SubPtr &sub, const Store::OrderedRead *read = nullptr);
+    void confirm_renewed(const std::vector<SubPtr> &subs);
     void deliver_change(const Change &c);
     void deliver_record(Sub &sub, const Change &c, bool *reported);
     void deliver_fields(Sub &sub, const std::string &key, const Record *rec,
@@ -194,6 +205,9 @@ class Client final : public StoreListener {
 
     std::mutex ignored_mu_;                              // a leaf: taken with no other lock held
     std::set<std::pair<int32_t, std::string>> ignored_;  // (db, key) noted
+
+    bool renewing_ = false;        // delivery thread only: in the reconnect callbacks
+    std::vector<SubPtr> renewed_;  // delivery thread only: their subscriptions
 
     std::mutex cbs_mu_;  // guards the callbacks below
     std::vector<ReconnectCb> reconnect_cbs_;

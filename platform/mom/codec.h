@@ -14,6 +14,7 @@
 #define QZ_MOM_IMPL_CODEC_H
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -80,6 +81,28 @@ int32_t encode_field(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor
 int32_t decode_record(const ProtobufCMessageDescriptor *desc, std::string_view key,
                       const Record &rec, ProtobufCMessage **view, int32_t **nums, uint32_t *count,
                       DecodeError *err);
+
+// What decode_record hands out, owned: freed together when it goes.
+struct Decoded {
+    ProtobufCMessage *view = nullptr;
+    int32_t *nums = nullptr;
+    uint32_t count = 0;
+
+    Decoded() = default;
+    Decoded(const Decoded &) = delete;
+    Decoded &operator=(const Decoded &) = delete;
+    ~Decoded() {
+        if (view != nullptr)
+            protobuf_c_message_free_unpacked(view, nullptr);
+        free(nums);
+    }
+
+    // decode_record into this (which must be empty).
+    int32_t decode(const ProtobufCMessageDescriptor *desc, std::string_view key, const Record &rec,
+                   DecodeError *err) {
+        return decode_record(desc, key, rec, &view, &nums, &count, err);
+    }
+};
 
 }  // namespace qzmom
 

@@ -1,17 +1,67 @@
 #include "redis_conn.h"
 
 #include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
+
+#include "common/parse_int.h"
+#include "common/unique_fd.h"
 
 namespace qzmom::redis {
 namespace {
 
-timeval timeout() {
-    return timeval{kTimeoutMs / 1000, (kTimeoutMs % 1000) * 1000};
+// Connects fd to addr, giving up at deadline. 0 or an errno value.
+int connect_until(int fd, const sockaddr *addr, socklen_t len,
+                  std::chrono::steady_clock::time_point deadline) {
+    if (::connect(fd, addr, len) == 0)
+        return 0;
+    if (errno != EINPROGRESS && errno != EINTR)
+        return errno;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0)
+            return ETIMEDOUT;
+        pollfd p{fd, POLLOUT, 0};
+        const int n = poll(&p, 1, static_cast<int>(left));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return errno;
+        if (n == 0)
+            return ETIMEDOUT;
+        int err = 0;
+        socklen_t err_len = sizeof err;
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &err_len) != 0)
+            return errno;
+        return err;
+    }
+}
+
+// Blocking again, with the call timeouts on the socket itself.
+bool set_blocking_with_timeouts(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0)
+        return false;
+    const timeval tv{kTimeoutMs / 1000, (kTimeoutMs % 1000) * 1000};
+    return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
+           setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
+}
+
+std::string connect_error(int err) {
+    return err == ETIMEDOUT ? "no answer within " + std::to_string(kTimeoutMs) + " ms"
+                            : std::string(strerror(err));
 }
 
 // hiredis's own reply functions, which every reader starts with.
@@ -88,8 +138,7 @@ bool parse_endpoint(std::string_view uri, Endpoint *out, std::string *why) {
     }
     if (port.data() != nullptr) {
         int p = 0;
-        auto [end, ec] = std::from_chars(port.data(), port.data() + port.size(), p);
-        if (ec != std::errc() || end != port.data() + port.size() || p < 1 || p > 65535) {
+        if (!qzplat::parse_int(port, &p) || p < 1 || p > 65535) {
             *why = "bad port \"" + std::string(port) + "\"";
             return false;
         }
@@ -115,37 +164,83 @@ void append_command(std::string &out, std::span<const std::string_view> args) {
     }
 }
 
-std::string glob_escape(std::string_view s) {
-    std::string out;
-    out.reserve(s.size());
-    for (char ch : s) {
-        if (ch == '*' || ch == '?' || ch == '[' || ch == ']' || ch == '\\')
-            out.push_back('\\');
-        out.push_back(ch);
+int connect_socket(const Endpoint &ep, std::string *why) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTimeoutMs);
+    constexpr int kType = SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC;
+    if (!ep.path.empty()) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        if (ep.path.size() >= sizeof addr.sun_path) {
+            *why = "socket path too long";
+            return -1;
+        }
+        memcpy(addr.sun_path, ep.path.data(), ep.path.size());
+        qzplat::UniqueFd fd(socket(AF_UNIX, kType, 0));
+        if (!fd) {
+            *why = strerror(errno);
+            return -1;
+        }
+        int err = connect_until(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr,
+                                deadline);
+        if (err == 0 && !set_blocking_with_timeouts(fd.get()))
+            err = errno;
+        if (err != 0) {
+            *why = connect_error(err);
+            return -1;
+        }
+        return fd.release();
     }
-    return out;
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const std::string port = std::to_string(ep.port);
+    if (const int rc = getaddrinfo(ep.host.c_str(), port.c_str(), &hints, &found); rc != 0) {
+        *why = gai_strerror(rc);
+        return -1;
+    }
+    std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owned(found, freeaddrinfo);
+    int err = ECONNREFUSED;
+    for (const addrinfo *a = found; a != nullptr; a = a->ai_next) {
+        qzplat::UniqueFd fd(socket(a->ai_family, kType, a->ai_protocol));
+        if (!fd) {
+            err = errno;
+            continue;
+        }
+        err = connect_until(fd.get(), a->ai_addr, a->ai_addrlen, deadline);
+        if (err == 0 && !set_blocking_with_timeouts(fd.get()))
+            err = errno;
+        if (err == 0) {
+            const int on = 1;
+            setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            return fd.release();
+        }
+        if (err == ETIMEDOUT)
+            break;  // the time is spent
+    }
+    *why = connect_error(err);
+    return -1;
 }
 
 std::unique_ptr<Conn> Conn::open(const Endpoint &ep, std::string *why) {
-    ContextPtr c(ep.path.empty() ? redisConnectWithTimeout(ep.host.c_str(), ep.port, timeout())
-                                 : redisConnectUnixWithTimeout(ep.path.c_str(), timeout()));
+    qzplat::UniqueFd fd(connect_socket(ep, why));
+    if (!fd)
+        return nullptr;
+    ContextPtr c(redisConnectFd(fd.get()));
     if (c == nullptr) {
         *why = "out of memory";
         return nullptr;
     }
+    (void)fd.release();  // the context closes it
     if (c->err != 0) {
         *why = error_of(c.get());
         return nullptr;
     }
     limit_replies(c->reader);
-    if (redisSetTimeout(c.get(), timeout()) != REDIS_OK ||
-        (ep.path.empty() && redisEnableKeepAlive(c.get()) != REDIS_OK)) {
+    if (ep.path.empty() && redisEnableKeepAlive(c.get()) != REDIS_OK) {
         *why = error_of(c.get());
         return nullptr;
     }
-    int flags = fcntl(c->fd, F_GETFD);
-    if (flags >= 0)
-        fcntl(c->fd, F_SETFD, flags | FD_CLOEXEC);
     return std::unique_ptr<Conn>(new Conn(std::move(c)));
 }
 

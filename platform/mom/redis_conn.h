@@ -6,6 +6,11 @@
 // write() would raise SIGPIPE in the application when the server has gone.
 // hiredis only reads and parses replies. Every socket gets FD_CLOEXEC, so a
 // child the application starts cannot keep our connections open.
+//
+// hiredis is never handed a struct timeval: a 32-bit target's hiredis may be
+// built with a 32-bit time_t where this build has a 64-bit one. The socket is
+// connected here (non-blocking, then poll) and its timeouts set with
+// setsockopt; hiredis gets the connected descriptor.
 #ifndef QZ_MOM_IMPL_REDIS_CONN_H
 #define QZ_MOM_IMPL_REDIS_CONN_H
 
@@ -46,9 +51,6 @@ bool parse_endpoint(std::string_view uri, Endpoint *out, std::string *why);
 // Appends one command in the protocol's request form.
 void append_command(std::string &out, std::span<const std::string_view> args);
 
-// `s` with the glob characters of MATCH and PSUBSCRIBE patterns escaped.
-std::string glob_escape(std::string_view s);
-
 // hiredis allocates an array reply's element table from the count the server
 // announces, before any element has arrived: "*300000000" alone would take
 // 2.4 GB. No reply the store asks for comes near this many elements.
@@ -68,6 +70,10 @@ inline std::string_view text(const redisReply *r) {
 inline bool is_error(const redisReply *r) {
     return r->type == REDIS_REPLY_ERROR;
 }
+
+// A blocking socket connected to ep within kTimeoutMs, with send and receive
+// timeouts of kTimeoutMs and close-on-exec; -1 and *why on failure.
+int connect_socket(const Endpoint &ep, std::string *why);
 
 class Conn {
   public:

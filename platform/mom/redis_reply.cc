@@ -1,16 +1,12 @@
 #include "redis_reply.h"
 
-#include <charconv>
+#include <algorithm>
 #include <memory>
 
 #include "qz_mom_client.h"
+#include "redis_names.h"
 
 namespace qzmom::redis {
-namespace {
-
-constexpr std::string_view kChannelPrefix = "__keyspace@";
-
-}  // namespace
 
 int32_t to_snapshot(const redisReply *r, Snapshot *out, std::string_view *err) {
     out->reset();
@@ -42,11 +38,39 @@ bool scan_page(const redisReply *r, std::string *cursor, std::vector<std::string
         r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_ARRAY) {
         return false;
     }
-    cursor->assign(text(r->element[0]));
     const redisReply *found = r->element[1];
+    for (size_t i = 0; i < found->elements; ++i) {
+        if (found->element[i]->type != REDIS_REPLY_STRING)
+            return false;
+    }
+    cursor->assign(text(r->element[0]));
     for (size_t i = 0; i < found->elements; ++i)
         keys->emplace_back(text(found->element[i]));
     return true;
+}
+
+ScanWalk::Step ScanWalk::take(const redisReply *r, std::string_view *err) {
+    if (is_error(r)) {
+        *err = r->len != 0 ? text(r) : std::string_view("error reply without a text");
+        return Step::kFailed;
+    }
+    if (!scan_page(r, &cursor_, &keys_)) {
+        *err = "unexpected reply to SCAN";
+        return Step::kFailed;
+    }
+    if (cursor_ == "0")
+        return Step::kDone;
+    if (++pages_ >= max_pages_) {
+        *err = "SCAN cursor never returned to 0";
+        return Step::kFailed;
+    }
+    return Step::kMore;
+}
+
+std::vector<std::string> ScanWalk::keys() {
+    std::sort(keys_.begin(), keys_.end());
+    keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
+    return std::move(keys_);
 }
 
 bool notify_flags(const redisReply *r, std::string *have) {
@@ -89,35 +113,29 @@ int32_t write_status(const std::vector<ReplyPtr> &replies, bool in_multi) {
     return rc;
 }
 
-std::string channel_prefix(int32_t db) {
-    return std::string(kChannelPrefix) + std::to_string(db) + "__:";
+int32_t batch_status(const std::vector<ReplyPtr> &replies, size_t queued) {
+    const int32_t rc = write_status(replies, true);
+    if (rc == 0 && replies.back()->elements != queued)
+        return QZ_MOM_E_REPLY;
+    return rc;
 }
 
-bool parse_channel(std::string_view ch, int32_t *db, std::string_view *rest) {
-    if (!ch.starts_with(kChannelPrefix))
-        return false;
-    ch.remove_prefix(kChannelPrefix.size());
-    auto [end, ec] = std::from_chars(ch.data(), ch.data() + ch.size(), *db);
-    if (ec != std::errc())
-        return false;
-    ch.remove_prefix(static_cast<size_t>(end - ch.data()));
-    if (!ch.starts_with("__:"))
-        return false;
-    *rest = ch.substr(3);
-    return true;
+bool same_record(const Snapshot &a, const Snapshot &b) {
+    if (a == nullptr || b == nullptr)
+        return a == b;
+    return std::equal(
+        a->begin(), a->end(), b->begin(), b->end(),
+        [](const Field &x, const Field &y) { return x.name == y.name && x.value == y.value; });
 }
 
-bool pattern_type(std::string_view rest, std::string *type) {
-    if (!rest.ends_with("|*"))
-        return false;
-    rest.remove_suffix(2);
-    type->clear();
-    for (size_t i = 0; i < rest.size(); ++i) {
-        if (rest[i] == '\\' && i + 1 < rest.size())
-            ++i;
-        type->push_back(rest[i]);
-    }
-    return true;
+std::string refusal(std::string_view command, const redisReply *r) {
+    std::string_view t = text(r);
+    if (t.starts_with("NOAUTH") || t.starts_with("WRONGPASS"))
+        return "the server requires a password (" + std::string(t) +
+               "); this client does not authenticate";
+    return std::string(command) + " refused (" + std::string(t) +
+           "): keyspace notifications cannot be enabled; allow CONFIG for this client or set "
+           "notify-keyspace-events KA in the server's configuration";
 }
 
 SubMessage read_sub_message(const redisReply *r) {

@@ -21,8 +21,36 @@ namespace qzmom::redis {
 int32_t to_snapshot(const redisReply *r, Snapshot *out, std::string_view *err);
 
 // One page of a SCAN reply: the next cursor, and the keys appended to *keys.
-// False (nothing appended) for a reply of another shape.
+// False (nothing appended) for a reply of another shape, a key that is not
+// a string among them.
 bool scan_page(const redisReply *r, std::string *cursor, std::vector<std::string> *keys);
+
+// A SCAN walk fed page by page. A server whose cursor never comes back to 0
+// ends it after max_pages pages, with an error: the walk is bounded whatever
+// the server answers.
+constexpr size_t kMaxScanPages = 1 << 16;
+class ScanWalk {
+  public:
+    enum class Step { kMore, kDone, kFailed };
+
+    explicit ScanWalk(size_t max_pages = kMaxScanPages) : max_pages_(max_pages) {}
+
+    // What to ask for next: "SCAN <cursor()> ...".
+    const std::string &cursor() const { return cursor_; }
+
+    // Takes the reply to the last SCAN. kFailed: *err says why (static text),
+    // and the walk is over.
+    Step take(const redisReply *r, std::string_view *err);
+
+    // The keys found, sorted, each once (SCAN may return a key twice).
+    std::vector<std::string> keys();
+
+  private:
+    size_t max_pages_;
+    size_t pages_ = 0;
+    std::string cursor_ = "0";
+    std::vector<std::string> keys_;
+};
 
 // The flags of a reply to CONFIG GET notify-keyspace-events. False for an
 // error reply or one of another shape.
@@ -36,14 +64,18 @@ std::string missing_flags(std::string_view have);
 // the EXEC, failed.
 int32_t write_status(const std::vector<ReplyPtr> &replies, bool in_multi);
 
-// "__keyspace@<db>__:", what db's keyspace channels start with.
-std::string channel_prefix(int32_t db);
+// Outcome of a batch's replies: MULTI, `queued` commands, EXEC. 0, or
+// QZ_MOM_E_REPLY when any reply is an error, the EXEC was aborted or it
+// answers another number of commands than were queued.
+int32_t batch_status(const std::vector<ReplyPtr> &replies, size_t queued);
 
-// "__keyspace@<db>__:<rest>" -> db, rest (pointing into ch).
-bool parse_channel(std::string_view ch, int32_t *db, std::string_view *rest);
+// True when both hold the same fields with the same values in the same
+// order, or both are null.
+bool same_record(const Snapshot &a, const Snapshot &b);
 
-// The type of a whole-type pattern "<escaped type>|*".
-bool pattern_type(std::string_view rest, std::string *type);
+// Why the server refused `command` (an error reply), for the open's message:
+// a password it wants, or CONFIG it does not allow.
+std::string refusal(std::string_view command, const redisReply *r);
 
 // One message on the subscriber connection.
 struct SubMessage {

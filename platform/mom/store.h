@@ -129,6 +129,21 @@ class Store {
         return get(db, key, out);
     }
 
+    // One ordered read of a record, for get_ordered_many().
+    struct OrderedRead {
+        int32_t db = 0;
+        std::string_view key;
+        Snapshot record;   // out
+        uint64_t seq = 0;  // out, as get_ordered() sets it
+        int32_t rc = 0;    // out, as get_ordered() returns it
+    };
+    // get_ordered() of each, in their order; a store that can sends them in
+    // one round trip.
+    virtual void get_ordered_many(std::vector<OrderedRead> &reads) {
+        for (OrderedRead &r : reads)
+            r.rc = get_ordered(r.db, r.key, &r.record, &r.seq);
+    }
+
     // Every record of a type, sorted by key: keys "<type>|..." when keyed,
     // else the one key "<type>".
     virtual int32_t scan(int32_t db, std::string_view type, bool keyed,
@@ -151,6 +166,25 @@ class Store {
     // place: every change made after the return is delivered.
     virtual int32_t watch(const WatchSpec &spec, uint64_t *id) = 0;
     virtual void unwatch(uint64_t id) = 0;
+
+    // As watch(), but returns once the watch is requested, not in place:
+    // settle(*id) tells when it is. Many deferred watches then cost one
+    // round trip instead of one each. The request goes out at the latest
+    // with the next settle() or serve(). A store whose watches are in place
+    // at once needs neither.
+    virtual int32_t watch_deferred(const WatchSpec &spec, uint64_t *id) { return watch(spec, id); }
+    // 0 once watch id is in place: every change made from then on is
+    // delivered. QZ_MOM_E_CONN when the connection was lost first (the watch
+    // is gone with it).
+    virtual int32_t settle(uint64_t id) {
+        (void)id;
+        return 0;
+    }
+    // Whether watch id is in place now, without waiting.
+    virtual bool in_place(uint64_t id) {
+        (void)id;
+        return true;
+    }
 
     // Ends every watch and stops all calls to the listener: once close()
     // returns, the listener is never called again.

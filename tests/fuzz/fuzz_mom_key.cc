@@ -15,8 +15,7 @@
 #include "codec.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
-#include "redis_conn.h"
-#include "redis_reply.h"
+#include "redis_names.h"
 
 namespace {
 
@@ -30,17 +29,6 @@ const ProtobufCMessageDescriptor *const kKeyed[] = {
     fprintf(stderr, "fuzz_mom_key: %s (key \"%s\")\n", what, key.c_str());
     abort();
 }
-
-struct Decoded {
-    ProtobufCMessage *view = nullptr;
-    int32_t *nums = nullptr;
-    uint32_t count = 0;
-    ~Decoded() {
-        if (view != nullptr)
-            protobuf_c_message_free_unpacked(view, nullptr);
-        free(nums);
-    }
-};
 
 std::string packed(const ProtobufCMessage *msg) {
     std::string out(protobuf_c_message_get_packed_size(msg), '\0');
@@ -66,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string key = std::string(desc->name) + "|";
     key.append(in.substr(1));
 
-    Decoded d;
+    qzmom::Decoded d;
     qzmom::DecodeError err;
     const qzmom::Record none;
     if (qzmom::decode_record(desc, key, none, &d.view, &d.nums, &d.count, &err) != 0) {
@@ -86,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         fault("a key is a pattern unless its index holds only initial values", key);
     if (qzmom::key_type(key2) != desc->name || !qzmom::key_is_of_type(key2, desc))
         fault("an encoded key does not name its type", key);
-    Decoded d2;
+    qzmom::Decoded d2;
     if (qzmom::decode_record(desc, key2, none, &d2.view, &d2.nums, &d2.count, &err) != 0)
         fault("an encoded key does not decode", key);
     if (packed(d.view) != packed(d2.view))

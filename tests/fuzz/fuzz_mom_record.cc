@@ -41,17 +41,6 @@ const ProtobufCMessageDescriptor *type_of(std::string_view key) {
     return kTypes[key.size() % std::size(kTypes)];
 }
 
-struct Decoded {
-    ProtobufCMessage *view = nullptr;
-    int32_t *nums = nullptr;
-    uint32_t count = 0;
-    ~Decoded() {
-        if (view != nullptr)
-            protobuf_c_message_free_unpacked(view, nullptr);
-        free(nums);
-    }
-};
-
 std::string packed(const ProtobufCMessage *msg) {
     std::string out(protobuf_c_message_get_packed_size(msg), '\0');
     protobuf_c_message_pack(msg, reinterpret_cast<uint8_t *>(out.data()));
@@ -72,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     const ProtobufCMessageDescriptor *desc = type_of(key);
 
-    Decoded d;
+    qzmom::Decoded d;
     qzmom::DecodeError err;
     const int32_t rc = qzmom::decode_record(desc, key, rec, &d.view, &d.nums, &d.count, &err);
     if (rc != 0) {
@@ -108,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string key2;
     if (qzmom::encode_key(d.view, key2, nullptr) != 0)
         fault("the decoded record's key does not encode", key);
-    Decoded d2;
+    qzmom::Decoded d2;
     if (qzmom::decode_record(desc, key2, again, &d2.view, &d2.nums, &d2.count, &err) != 0)
         fault("a record written back does not decode", key);
     if (packed(d.view) != packed(d2.view))

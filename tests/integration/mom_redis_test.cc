@@ -30,15 +30,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
 
-int32_t int_of(const Event &e) {
-    auto *v = e.unpack<PLibpub__CapTable>(&p_libpub__cap_table__descriptor);
-    if (v == nullptr)
-        return INT32_MIN;
-    int32_t r = v->int32_value;
-    protobuf_c_message_free_unpacked(&v->base, nullptr);
-    return r;
-}
-
 std::vector<std::string> lines_of(const std::string &text) {
     std::vector<std::string> lines;
     for (size_t p = 0, q; (q = text.find('\n', p)) != std::string::npos; p = q + 1)

@@ -168,6 +168,28 @@ struct ResFree {
 };
 using ResPtr = std::unique_ptr<qz_mom_hash_res_t, ResFree>;
 
+// The int32_value of a delivered capability record; INT32_MIN without one.
+inline int32_t int_of(const Event &e) {
+    auto *v = e.unpack<PLibpub__CapTable>(&p_libpub__cap_table__descriptor);
+    if (v == nullptr)
+        return INT32_MIN;
+    int32_t r = v->int32_value;
+    protobuf_c_message_free_unpacked(&v->base, nullptr);
+    return r;
+}
+
+// Writes int32_value v of t through handle h and reads it back; false when
+// either call fails or the read shows another value.
+inline bool write_and_read_back(void *h, CapTable &t, int32_t v) {
+    t.rec.int32_value = v;
+    int32_t f = 7;
+    if (qz_mom_write(h, kDb, t.msg(), 1, &f) != 0)
+        return false;
+    ResPtr r(qz_mom_hgetall_sync(h, kDb, t.msg()));
+    return r != nullptr && r->view != nullptr &&
+           static_cast<PLibpub__CapTable *>(r->view)->int32_value == v;
+}
+
 inline std::vector<int32_t> fields_of(const qz_mom_hash_res_t *r) {
     return std::vector<int32_t>(r->field_nums, r->field_nums + r->field_count);
 }

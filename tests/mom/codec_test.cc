@@ -12,17 +12,6 @@
 
 namespace {
 
-struct Decoded {
-    ProtobufCMessage *view = nullptr;
-    int32_t *nums = nullptr;
-    uint32_t count = 0;
-    ~Decoded() {
-        if (view != nullptr)
-            protobuf_c_message_free_unpacked(view, nullptr);
-        free(nums);
-    }
-};
-
 // A field listed twice used to decode with the number listed twice, and a
 // string or message stored twice leaked its first value.
 TEST(Codec, RejectsAFieldStoredTwice) {
@@ -50,7 +39,7 @@ TEST(Codec, RejectsAFieldStoredTwice) {
          "20"},
     };
     for (const auto &c : cases) {
-        Decoded d;
+        qzmom::Decoded d;
         qzmom::DecodeError err;
         EXPECT_EQ(qzmom::decode_record(c.desc, c.key, c.rec, &d.view, &d.nums, &d.count, &err),
                   QZ_MOM_E_DECODE)
@@ -63,7 +52,7 @@ TEST(Codec, RejectsAFieldStoredTwice) {
     }
 
     // The same fields once each decode.
-    Decoded d;
+    qzmom::Decoded d;
     qzmom::DecodeError err;
     const qzmom::Record once{{"8", "text"}, {"22", "1"}};
     ASSERT_EQ(qzmom::decode_record(&p_libpub__cap_table__descriptor, "p_libpub.cap_table|u", once,

@@ -118,7 +118,11 @@ TEST(RedisReply, ScanConfigAndWriteReplies) {
     EXPECT_EQ(cursor, "17");
     EXPECT_EQ(keys, (std::vector<std::string>{"k1", "k2"}));
     keys.clear();
-    for (const std::string &bytes : {"*2\r\n:0\r\n*0\r\n"s, "*1\r\n" + bulk("0"), "-ERR\r\n"s}) {
+    // A key that is not a string is no key at all, not an empty one.
+    for (const std::string &bytes :
+         {"*2\r\n:0\r\n*0\r\n"s, "*1\r\n" + bulk("0"), "-ERR\r\n"s,
+          "*2\r\n" + bulk("0") + "*2\r\n" + bulk("k1") + ":7\r\n",
+          "*2\r\n" + bulk("0") + "*1\r\n$-1\r\n", "*2\r\n" + bulk("0") + "*1\r\n*0\r\n"}) {
         r = parse(bytes);
         EXPECT_FALSE(qzmom::redis::scan_page(r.get(), &cursor, &keys)) << bytes;
         EXPECT_TRUE(keys.empty());
@@ -152,6 +156,83 @@ TEST(RedisReply, ScanConfigAndWriteReplies) {
     EXPECT_EQ(qzmom::redis::write_status(replies({"+OK\r\n", "$-1\r\n"}), true), QZ_MOM_E_REPLY)
         << "an aborted EXEC";
     EXPECT_EQ(qzmom::redis::write_status({}, true), QZ_MOM_E_REPLY);
+}
+
+// A walk ends: at cursor 0, at the first bad page, or after its page limit
+// when the server's cursor never comes back to 0.
+TEST(RedisReply, ScanWalksAreBounded) {
+    using Step = qzmom::redis::ScanWalk::Step;
+    std::string_view err;
+    qzmom::redis::ScanWalk walk;
+    EXPECT_EQ(walk.cursor(), "0");
+    ReplyPtr r = parse("*2\r\n" + bulk("9") + "*2\r\n" + bulk("b") + bulk("a"));
+    EXPECT_EQ(walk.take(r.get(), &err), Step::kMore);
+    EXPECT_EQ(walk.cursor(), "9");
+    r = parse("*2\r\n" + bulk("0") + "*2\r\n" + bulk("c") + bulk("a"));
+    EXPECT_EQ(walk.take(r.get(), &err), Step::kDone);
+    EXPECT_EQ(walk.keys(), (std::vector<std::string>{"a", "b", "c"})) << "sorted, each once";
+
+    qzmom::redis::ScanWalk endless(4);
+    r = parse("*2\r\n" + bulk("5") + "*1\r\n" + bulk("k"));
+    EXPECT_EQ(endless.take(r.get(), &err), Step::kMore);
+    EXPECT_EQ(endless.take(r.get(), &err), Step::kMore);
+    EXPECT_EQ(endless.take(r.get(), &err), Step::kMore);
+    EXPECT_EQ(endless.take(r.get(), &err), Step::kFailed);
+    EXPECT_EQ(err, "SCAN cursor never returned to 0");
+
+    const std::pair<std::string, std::string_view> bad[] = {
+        {"-ERR invalid cursor\r\n", "ERR invalid cursor"},
+        {"-\r\n", "error reply without a text"},
+        {"*2\r\n" + bulk("0") + "*1\r\n:1\r\n", "unexpected reply to SCAN"},
+        {"+OK\r\n", "unexpected reply to SCAN"},
+    };
+    for (const auto &[bytes, reason] : bad) {
+        qzmom::redis::ScanWalk w;
+        r = parse(bytes);
+        EXPECT_EQ(w.take(r.get(), &err), Step::kFailed) << bytes;
+        EXPECT_EQ(err, reason) << bytes;
+        EXPECT_TRUE(w.keys().empty()) << bytes;
+    }
+}
+
+TEST(RedisReply, BatchesRecordsAndRefusals) {
+    auto replies = [](std::initializer_list<std::string> list) {
+        std::vector<ReplyPtr> out;
+        for (const std::string &bytes : list)
+            out.push_back(parse(bytes));
+        return out;
+    };
+    EXPECT_EQ(qzmom::redis::batch_status(
+                  replies({"+OK\r\n", "+QUEUED\r\n", "+QUEUED\r\n", "*2\r\n:1\r\n:1\r\n"}), 2),
+              0);
+    EXPECT_EQ(qzmom::redis::batch_status(
+                  replies({"+OK\r\n", "+QUEUED\r\n", "+QUEUED\r\n", "*2\r\n:1\r\n:1\r\n"}), 3),
+              QZ_MOM_E_REPLY)
+        << "an EXEC answering fewer commands than were queued";
+    EXPECT_EQ(qzmom::redis::batch_status(replies({"+OK\r\n", "-ERR x\r\n", "-EXECABORT\r\n"}), 1),
+              QZ_MOM_E_REPLY);
+    EXPECT_EQ(qzmom::redis::batch_status(replies({"+OK\r\n", "*1\r\n-WRONGTYPE\r\n"}), 1),
+              QZ_MOM_E_REPLY);
+
+    auto rec = [](std::initializer_list<qzmom::Field> f) {
+        return std::make_shared<const qzmom::Record>(f);
+    };
+    EXPECT_TRUE(qzmom::redis::same_record(nullptr, nullptr));
+    EXPECT_FALSE(qzmom::redis::same_record(rec({}), nullptr));
+    EXPECT_TRUE(qzmom::redis::same_record(rec({{"6", "1"}}), rec({{"6", "1"}})));
+    EXPECT_FALSE(qzmom::redis::same_record(rec({{"6", "1"}}), rec({{"6", "2"}})));
+    EXPECT_FALSE(qzmom::redis::same_record(rec({{"6", "1"}}), rec({{"7", "1"}})));
+    EXPECT_FALSE(qzmom::redis::same_record(rec({{"6", "1"}}), rec({{"6", "1"}, {"7", "1"}})));
+
+    ReplyPtr r = parse("-NOAUTH Authentication required.\r\n");
+    EXPECT_EQ(qzmom::redis::refusal("CONFIG GET x", r.get()),
+              "the server requires a password (NOAUTH Authentication required.); this client "
+              "does not authenticate");
+    r = parse("-ERR unknown command 'CONFIG'\r\n");
+    EXPECT_EQ(qzmom::redis::refusal("CONFIG GET x", r.get()),
+              "CONFIG GET x refused (ERR unknown command 'CONFIG'): keyspace notifications cannot "
+              "be enabled; allow CONFIG for this client or set notify-keyspace-events KA in the "
+              "server's configuration");
 }
 
 }  // namespace
