@@ -54,6 +54,20 @@ qz_mom_hash_res_t *hgetall(void *global, int32_t db, const int32_t *option,
     return hand_out(c->read(db, key));
 }
 
+// A scan or a record subscription: the same arguments, checks and faults.
+using PatternCall = int32_t (Client::*)(int32_t, const ProtobufCMessage *, qz_mom_record_cb,
+                                        void *);
+int32_t pattern_op(void *global, int32_t db, const ProtobufCMessage *pattern, qz_mom_record_cb cb,
+                   void *privdata, qz_mom_op_t op, PatternCall call) {
+    Client *c = Client::from(global);
+    if (c == nullptr || db < 0 || !valid_message(pattern) || cb == nullptr)
+        return QZ_MOM_E_ARG;
+    int32_t st = 0;
+    if (status_fault(c, op, &st))
+        return st;
+    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] { return (c->*call)(db, pattern, cb, privdata); });
+}
+
 // The store writes of one batch op; the names and values are owned by `out`.
 int32_t encode_op(const qz_mom_write_op_t &op, RecordWrite *out) {
     if (!valid_message(op.record) || (op.field_count != 0 && op.fields == nullptr) ||
@@ -226,25 +240,12 @@ QZ_MOM_EXPORT qz_mom_hash_res_t *qz_mom_hgetall_ext_sync(void *global, int32_t d
 
 QZ_MOM_EXPORT int32_t qz_mom_scan_sync(void *global, int32_t db, const ProtobufCMessage *pattern,
                                        int32_t, qz_mom_record_cb cb, void *privdata) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0 || !valid_message(pattern) || cb == nullptr)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SCAN, &st))
-        return st;
-    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] { return c->scan(db, pattern, cb, privdata); });
+    return pattern_op(global, db, pattern, cb, privdata, QZ_MOM_OP_SCAN, &Client::scan);
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufCMessage *pattern,
                                        int32_t, qz_mom_record_cb cb, void *privdata) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0 || !valid_message(pattern) || cb == nullptr)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SUBSCRIBE, &st))
-        return st;
-    return qzplat::c_barrier(QZ_MOM_E_NOMEM,
-                             [&] { return c->subscribe(db, pattern, cb, privdata); });
+    return pattern_op(global, db, pattern, cb, privdata, QZ_MOM_OP_SUBSCRIBE, &Client::subscribe);
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_subscribe_field(void *global, int32_t db, const ProtobufCMessage *key,

@@ -31,6 +31,10 @@
 //   lost before that gets no 29; it is dropped with the connection and
 //   renewed by the next reconnection.
 //
+// Its code is split along that state: client.cc the delivery thread, its
+// queue and the connection callbacks; client_subs.cc the subscriptions and
+// their 29s; client_delivery.cc reads, scans and the pushed messages.
+//
 // Lock order: subs_mu_ -> the store's lock -> q_mu_. Callbacks run with no
 // lock held.
 #ifndef QZ_MOM_IMPL_CLIENT_H
@@ -183,6 +187,10 @@ class Client final : public StoreListener {
     void deliver_record(Sub &sub, const Change &c, bool *reported);
     void deliver_fields(Sub &sub, const std::string &key, const Record *rec,
                         const std::vector<bool> &hit, bool *reported);
+    // Delivers rec (non-null) of key as sub's change to (cb, arg); false,
+    // with one stderr line, when it could not be decoded or memory ran out.
+    bool push(qz_mom_record_cb cb, void *arg, const Sub &sub, int32_t db, const std::string &key,
+              const Record *rec, bool *reported);
     void drop_subs(uint64_t below);
     void run_reconnect_cbs();
     // Tells the connection-state callback, if one is set; false when none is.

@@ -26,6 +26,14 @@ void append_number(std::string &out, T v) {
     out.append(buf, r.ptr);
 }
 
+// Appends a numeric member's text; *initial: it is zero.
+template <class T>
+void append_numeric(const ProtobufCMessage *msg, unsigned offset, std::string &out, bool *initial) {
+    const T v = at<T>(msg, offset);
+    append_number(out, v);
+    *initial = v == 0;
+}
+
 // Whole text, no sign for unsigned types, no whitespace, in range.
 template <class T>
 bool parse_number(std::string_view text, T *v) {
@@ -51,36 +59,30 @@ void append_scalar(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *
         case PROTOBUF_C_TYPE_SINT32:
         case PROTOBUF_C_TYPE_SFIXED32:
         case PROTOBUF_C_TYPE_ENUM:
-            append_number(out, at<int32_t>(msg, o));
-            *initial = at<int32_t>(msg, o) == 0;
+            append_numeric<int32_t>(msg, o, out, initial);
             break;
         case PROTOBUF_C_TYPE_UINT32:
         case PROTOBUF_C_TYPE_FIXED32:
-            append_number(out, at<uint32_t>(msg, o));
-            *initial = at<uint32_t>(msg, o) == 0;
+            append_numeric<uint32_t>(msg, o, out, initial);
             break;
         case PROTOBUF_C_TYPE_INT64:
         case PROTOBUF_C_TYPE_SINT64:
         case PROTOBUF_C_TYPE_SFIXED64:
-            append_number(out, at<int64_t>(msg, o));
-            *initial = at<int64_t>(msg, o) == 0;
+            append_numeric<int64_t>(msg, o, out, initial);
             break;
         case PROTOBUF_C_TYPE_UINT64:
         case PROTOBUF_C_TYPE_FIXED64:
-            append_number(out, at<uint64_t>(msg, o));
-            *initial = at<uint64_t>(msg, o) == 0;
+            append_numeric<uint64_t>(msg, o, out, initial);
             break;
         case PROTOBUF_C_TYPE_BOOL:
             out += at<protobuf_c_boolean>(msg, o) != 0 ? '1' : '0';
             *initial = at<protobuf_c_boolean>(msg, o) == 0;
             break;
         case PROTOBUF_C_TYPE_FLOAT:
-            append_number(out, at<float>(msg, o));
-            *initial = at<float>(msg, o) == 0;
+            append_numeric<float>(msg, o, out, initial);
             break;
         case PROTOBUF_C_TYPE_DOUBLE:
-            append_number(out, at<double>(msg, o));
-            *initial = at<double>(msg, o) == 0;
+            append_numeric<double>(msg, o, out, initial);
             break;
         case PROTOBUF_C_TYPE_STRING: {
             const char *s = at<const char *>(msg, o);
