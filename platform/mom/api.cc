@@ -173,11 +173,9 @@ QZ_MOM_EXPORT int32_t qz_mom_client_set_reconnect_cb(void *global, int32_t db,
     });
 }
 
-QZ_MOM_EXPORT int32_t qz_mom_set_write_buf_len(void *global, int32_t db, uint32_t len) {
-    return status_op(global, db, true, QZ_MOM_OP_SET_WRITE_BUF_LEN, [len](Client &c) {
-        c.write_buf_len.store(len, std::memory_order_relaxed);
-        return 0;
-    });
+QZ_MOM_EXPORT int32_t qz_mom_set_write_buf_len(void *global, int32_t db, uint32_t) {
+    // Accepted and not kept: hiredis grows its output buffer as it needs.
+    return status_op(global, db, true, QZ_MOM_OP_SET_WRITE_BUF_LEN, [](Client &) { return 0; });
 }
 
 QZ_MOM_EXPORT void *qz_mom_get_sync(void *global, int32_t db, const ProtobufCMessage *key,

@@ -115,6 +115,8 @@ class Client final : public StoreListener {
         return c != nullptr && c->magic_ == kMagic ? c : nullptr;
     }
 
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
     // Stops the delivery thread, ends the store's watches and frees the
     // handle's subscriptions. REQUIRES: not on the delivery thread.
     ~Client() override;
@@ -149,10 +151,6 @@ class Client final : public StoreListener {
     void drain();
 
     uint32_t subscription_count();
-
-    // What qz_mom_set_write_buf_len asked for (a Redis store sizes its
-    // output buffer with it; the embedded store has none).
-    std::atomic<uint32_t> write_buf_len{0};
 
     // StoreListener.
     void on_change(ChangePtr change) override;
