@@ -22,13 +22,28 @@ using namespace qzmom;
 
 namespace {
 
-// The status a status-returning op must return instead of running, if any.
-bool status_fault(Client *c, qz_mom_op_t op, int32_t *status) {
+// The path of every status-returning op: QZ_MOM_E_ARG for a dead handle, a
+// negative db or !args_ok, else the status of an injected fault, else fn(c).
+template <class F>
+int32_t status_op(void *global, int32_t db, bool args_ok, qz_mom_op_t op, F &&fn) {
+    Client *c = Client::from(global);
+    if (c == nullptr || db < 0 || !args_ok)
+        return QZ_MOM_E_ARG;
     Fault f;
-    if (!c->faults().take(op, &f))
-        return false;
-    *status = f.code;
-    return true;
+    if (c->faults().take(op, &f))
+        return f.code;
+    return fn(*c);
+}
+
+// A scan or a record subscription: the same arguments, checks and faults.
+using PatternCall = int32_t (Client::*)(int32_t, const ProtobufCMessage *, qz_mom_record_cb,
+                                        void *);
+int32_t pattern_op(void *global, int32_t db, const ProtobufCMessage *pattern, qz_mom_record_cb cb,
+                   void *privdata, qz_mom_op_t op, PatternCall call) {
+    return status_op(global, db, valid_message(pattern) && cb != nullptr, op, [&](Client &c) {
+        return qzplat::c_barrier(QZ_MOM_E_NOMEM,
+                                 [&] { return (c.*call)(db, pattern, cb, privdata); });
+    });
 }
 
 // The result of a read under an injected fault.
@@ -146,36 +161,21 @@ QZ_MOM_EXPORT void qz_mom_client_destroy(void *global) {
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_client_connect_sync(void *global, int32_t db) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_CONNECT, &st))
-        return st;
-    return c->store().connect(db);
+    return status_op(global, db, true, QZ_MOM_OP_CONNECT,
+                     [db](Client &c) { return c.store().connect(db); });
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_client_set_reconnect_cb(void *global, int32_t db,
                                                      qz_mom_reconnect_cb cb, void *user_data) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0 || cb == nullptr)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SET_RECONNECT_CB, &st))
-        return st;
-    return qzplat::c_barrier(QZ_MOM_E_NOMEM,
-                             [&] { return c->add_reconnect_cb(db, cb, user_data); });
+    return status_op(global, db, cb != nullptr, QZ_MOM_OP_SET_RECONNECT_CB, [&](Client &c) {
+        return qzplat::c_barrier(QZ_MOM_E_NOMEM,
+                                 [&] { return c.add_reconnect_cb(db, cb, user_data); });
+    });
 }
 
-QZ_MOM_EXPORT int32_t qz_mom_set_write_buf_len(void *global, int32_t db, uint32_t len) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SET_WRITE_BUF_LEN, &st))
-        return st;
-    c->write_buf_len.store(len, std::memory_order_relaxed);
-    return 0;
+QZ_MOM_EXPORT int32_t qz_mom_set_write_buf_len(void *global, int32_t db, uint32_t) {
+    // Accepted and not kept: hiredis grows its output buffer as it needs.
+    return status_op(global, db, true, QZ_MOM_OP_SET_WRITE_BUF_LEN, [](Client &) { return 0; });
 }
 
 QZ_MOM_EXPORT void *qz_mom_get_sync(void *global, int32_t db, const ProtobufCMessage *key,
@@ -226,40 +226,23 @@ QZ_MOM_EXPORT qz_mom_hash_res_t *qz_mom_hgetall_ext_sync(void *global, int32_t d
 
 QZ_MOM_EXPORT int32_t qz_mom_scan_sync(void *global, int32_t db, const ProtobufCMessage *pattern,
                                        int32_t, qz_mom_record_cb cb, void *privdata) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0 || !valid_message(pattern) || cb == nullptr)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SCAN, &st))
-        return st;
-    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] { return c->scan(db, pattern, cb, privdata); });
+    return pattern_op(global, db, pattern, cb, privdata, QZ_MOM_OP_SCAN, &Client::scan);
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufCMessage *pattern,
                                        int32_t, qz_mom_record_cb cb, void *privdata) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0 || !valid_message(pattern) || cb == nullptr)
-        return QZ_MOM_E_ARG;
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SUBSCRIBE, &st))
-        return st;
-    return qzplat::c_barrier(QZ_MOM_E_NOMEM,
-                             [&] { return c->subscribe(db, pattern, cb, privdata); });
+    return pattern_op(global, db, pattern, cb, privdata, QZ_MOM_OP_SUBSCRIBE, &Client::subscribe);
 }
 
 QZ_MOM_EXPORT int32_t qz_mom_subscribe_field(void *global, int32_t db, const ProtobufCMessage *key,
                                              uint32_t field_count, const int32_t *fields,
                                              qz_mom_record_cb *cbs, void **args, int32_t) {
-    Client *c = Client::from(global);
-    if (c == nullptr || db < 0 || !valid_message(key) || field_count == 0 || fields == nullptr ||
-        cbs == nullptr) {
-        return QZ_MOM_E_ARG;
-    }
-    int32_t st = 0;
-    if (status_fault(c, QZ_MOM_OP_SUBSCRIBE_FIELD, &st))
-        return st;
-    return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
-        return c->subscribe_field(db, key, field_count, fields, cbs, args);
+    const bool args_ok =
+        valid_message(key) && field_count != 0 && fields != nullptr && cbs != nullptr;
+    return status_op(global, db, args_ok, QZ_MOM_OP_SUBSCRIBE_FIELD, [&](Client &c) {
+        return qzplat::c_barrier(QZ_MOM_E_NOMEM, [&] {
+            return c.subscribe_field(db, key, field_count, fields, cbs, args);
+        });
     });
 }
 

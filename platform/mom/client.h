@@ -31,6 +31,10 @@
 //   lost before that gets no 29; it is dropped with the connection and
 //   renewed by the next reconnection.
 //
+// Its code is split along that state: client.cc the delivery thread, its
+// queue and the connection callbacks; client_subs.cc the subscriptions and
+// their 29s; client_delivery.cc reads, scans and the pushed messages.
+//
 // Lock order: subs_mu_ -> the store's lock -> q_mu_. Callbacks run with no
 // lock held.
 #ifndef QZ_MOM_IMPL_CLIENT_H
@@ -111,6 +115,8 @@ class Client final : public StoreListener {
         return c != nullptr && c->magic_ == kMagic ? c : nullptr;
     }
 
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
     // Stops the delivery thread, ends the store's watches and frees the
     // handle's subscriptions. REQUIRES: not on the delivery thread.
     ~Client() override;
@@ -146,10 +152,6 @@ class Client final : public StoreListener {
 
     uint32_t subscription_count();
 
-    // What qz_mom_set_write_buf_len asked for (a Redis store sizes its
-    // output buffer with it; the embedded store has none).
-    std::atomic<uint32_t> write_buf_len{0};
-
     // StoreListener.
     void on_change(ChangePtr change) override;
     void on_connection_lost(const std::string &why) override;
@@ -183,6 +185,10 @@ class Client final : public StoreListener {
     void deliver_record(Sub &sub, const Change &c, bool *reported);
     void deliver_fields(Sub &sub, const std::string &key, const Record *rec,
                         const std::vector<bool> &hit, bool *reported);
+    // Delivers rec (non-null) of key as sub's change to (cb, arg); false,
+    // with one stderr line, when it could not be decoded or memory ran out.
+    bool push(qz_mom_record_cb cb, void *arg, const Sub &sub, int32_t db, const std::string &key,
+              const Record *rec, bool *reported);
     void drop_subs(uint64_t below);
     void run_reconnect_cbs();
     // Tells the connection-state callback, if one is set; false when none is.

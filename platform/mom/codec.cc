@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "qz_mom_client.h"
@@ -26,6 +27,50 @@ void append_number(std::string &out, T v) {
     out.append(buf, r.ptr);
 }
 
+// Appends a numeric member's text; *initial: it is zero.
+template <class T>
+void append_numeric(const ProtobufCMessage *msg, unsigned offset, std::string &out, bool *initial) {
+    const T v = at<T>(msg, offset);
+    append_number(out, v);
+    *initial = v == 0;
+}
+
+// Calls f with std::type_identity<T>, T the C type that holds a member of
+// this numeric type; does nothing for any other type. BOOL is not numeric
+// here: it has its own text.
+template <class F>
+void with_numeric_type(ProtobufCType type, F &&f) {
+    switch (type) {
+        case PROTOBUF_C_TYPE_INT32:
+        case PROTOBUF_C_TYPE_SINT32:
+        case PROTOBUF_C_TYPE_SFIXED32:
+        case PROTOBUF_C_TYPE_ENUM:
+            f(std::type_identity<int32_t>{});
+            break;
+        case PROTOBUF_C_TYPE_UINT32:
+        case PROTOBUF_C_TYPE_FIXED32:
+            f(std::type_identity<uint32_t>{});
+            break;
+        case PROTOBUF_C_TYPE_INT64:
+        case PROTOBUF_C_TYPE_SINT64:
+        case PROTOBUF_C_TYPE_SFIXED64:
+            f(std::type_identity<int64_t>{});
+            break;
+        case PROTOBUF_C_TYPE_UINT64:
+        case PROTOBUF_C_TYPE_FIXED64:
+            f(std::type_identity<uint64_t>{});
+            break;
+        case PROTOBUF_C_TYPE_FLOAT:
+            f(std::type_identity<float>{});
+            break;
+        case PROTOBUF_C_TYPE_DOUBLE:
+            f(std::type_identity<double>{});
+            break;
+        default:
+            break;
+    }
+}
+
 // Whole text, no sign for unsigned types, no whitespace, in range.
 template <class T>
 bool parse_number(std::string_view text, T *v) {
@@ -46,41 +91,11 @@ bool unsupported(const ProtobufCFieldDescriptor *fd) {
 void append_scalar(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *fd,
                    std::string &out, bool *initial) {
     const unsigned o = fd->offset;
+    auto numeric = [&]<class T>(std::type_identity<T>) { append_numeric<T>(msg, o, out, initial); };
     switch (fd->type) {
-        case PROTOBUF_C_TYPE_INT32:
-        case PROTOBUF_C_TYPE_SINT32:
-        case PROTOBUF_C_TYPE_SFIXED32:
-        case PROTOBUF_C_TYPE_ENUM:
-            append_number(out, at<int32_t>(msg, o));
-            *initial = at<int32_t>(msg, o) == 0;
-            break;
-        case PROTOBUF_C_TYPE_UINT32:
-        case PROTOBUF_C_TYPE_FIXED32:
-            append_number(out, at<uint32_t>(msg, o));
-            *initial = at<uint32_t>(msg, o) == 0;
-            break;
-        case PROTOBUF_C_TYPE_INT64:
-        case PROTOBUF_C_TYPE_SINT64:
-        case PROTOBUF_C_TYPE_SFIXED64:
-            append_number(out, at<int64_t>(msg, o));
-            *initial = at<int64_t>(msg, o) == 0;
-            break;
-        case PROTOBUF_C_TYPE_UINT64:
-        case PROTOBUF_C_TYPE_FIXED64:
-            append_number(out, at<uint64_t>(msg, o));
-            *initial = at<uint64_t>(msg, o) == 0;
-            break;
         case PROTOBUF_C_TYPE_BOOL:
             out += at<protobuf_c_boolean>(msg, o) != 0 ? '1' : '0';
             *initial = at<protobuf_c_boolean>(msg, o) == 0;
-            break;
-        case PROTOBUF_C_TYPE_FLOAT:
-            append_number(out, at<float>(msg, o));
-            *initial = at<float>(msg, o) == 0;
-            break;
-        case PROTOBUF_C_TYPE_DOUBLE:
-            append_number(out, at<double>(msg, o));
-            *initial = at<double>(msg, o) == 0;
             break;
         case PROTOBUF_C_TYPE_STRING: {
             const char *s = at<const char *>(msg, o);
@@ -98,6 +113,9 @@ void append_scalar(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *
         }
         case PROTOBUF_C_TYPE_MESSAGE:
             break;  // callers handle message fields
+        default:
+            with_numeric_type(fd->type, numeric);
+            break;
     }
 }
 
@@ -128,32 +146,10 @@ bool decode_value(const ProtobufCFieldDescriptor *fd, std::string_view text, Pro
                   std::string_view name, DecodeError *err) {
     const unsigned o = fd->offset;
     bool ok = false;
+    auto numeric = [&]<class T>(std::type_identity<T>) { ok = parse_number(text, &at<T>(msg, o)); };
     switch (fd->type) {
-        case PROTOBUF_C_TYPE_INT32:
-        case PROTOBUF_C_TYPE_SINT32:
-        case PROTOBUF_C_TYPE_SFIXED32:
-        case PROTOBUF_C_TYPE_ENUM:
         case PROTOBUF_C_TYPE_BOOL:  // any int32 text; the reader tests != 0
             ok = parse_number(text, &at<int32_t>(msg, o));
-            break;
-        case PROTOBUF_C_TYPE_UINT32:
-        case PROTOBUF_C_TYPE_FIXED32:
-            ok = parse_number(text, &at<uint32_t>(msg, o));
-            break;
-        case PROTOBUF_C_TYPE_INT64:
-        case PROTOBUF_C_TYPE_SINT64:
-        case PROTOBUF_C_TYPE_SFIXED64:
-            ok = parse_number(text, &at<int64_t>(msg, o));
-            break;
-        case PROTOBUF_C_TYPE_UINT64:
-        case PROTOBUF_C_TYPE_FIXED64:
-            ok = parse_number(text, &at<uint64_t>(msg, o));
-            break;
-        case PROTOBUF_C_TYPE_FLOAT:
-            ok = parse_number(text, &at<float>(msg, o));
-            break;
-        case PROTOBUF_C_TYPE_DOUBLE:
-            ok = parse_number(text, &at<double>(msg, o));
             break;
         case PROTOBUF_C_TYPE_STRING: {
             char *s = static_cast<char *>(malloc(text.size() + 1));
@@ -185,6 +181,9 @@ bool decode_value(const ProtobufCFieldDescriptor *fd, std::string_view text, Pro
             at<ProtobufCMessage *>(msg, o) = sub;
             return true;
         }
+        default:
+            with_numeric_type(fd->type, numeric);
+            break;
     }
     if (!ok)
         return fail(err, QZ_MOM_E_DECODE, "value does not parse as the field's type", name);

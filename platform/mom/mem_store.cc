@@ -105,6 +105,8 @@ class MemStore final : public Store {
   public:
     MemStore(std::shared_ptr<MemData> data, StoreListener *listener)
         : data_(std::move(data)), listener_(listener) {}
+    MemStore(const MemStore &) = delete;
+    MemStore &operator=(const MemStore &) = delete;
     ~MemStore() override { close(); }
 
     int32_t connect(int32_t) override { return 0; }

@@ -65,7 +65,7 @@ void limit_replies(redisReader *reader);
 std::string error_of(const redisContext *c);
 
 inline std::string_view text(const redisReply *r) {
-    return std::string_view(r->str, r->len);
+    return {r->str, r->len};
 }
 inline bool is_error(const redisReply *r) {
     return r->type == REDIS_REPLY_ERROR;

@@ -48,6 +48,8 @@ namespace qzmom {
 class RedisStore final : public Store {
   public:
     RedisStore(redis::Endpoint ep, StoreListener *listener);
+    RedisStore(const RedisStore &) = delete;
+    RedisStore &operator=(const RedisStore &) = delete;
     ~RedisStore() override;
 
     // Opens the connections; false with *why and *code as open_store.

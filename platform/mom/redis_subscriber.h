@@ -45,6 +45,7 @@ class Subscriber {
         : listener_(listener), lost_(std::move(lost)) {}
     Subscriber(const Subscriber &) = delete;
     Subscriber &operator=(const Subscriber &) = delete;
+    ~Subscriber() = default;
 
     // Takes the connections of generation gen: `sub` for subscribe mode,
     // `push` for the reads after events (its database selected as it is).
@@ -97,8 +98,8 @@ class Subscriber {
     using StrSet = std::unordered_set<std::string, StrHash, std::equal_to<>>;
 
     // REQUIRES: mu_ held, connection up. Queues a request; sends the queue
-    // when flush. False and *why when sending failed.
-    bool send(std::string_view command, std::string_view channel, bool flush, std::string *why);
+    // now when `now`. False and *why when sending failed.
+    bool send(std::string_view command, std::string_view channel, bool now, std::string *why);
     bool flush(std::string *why);
     // Waits until confirmation seq of generation gen is read. REQUIRES: lk holds mu_.
     int32_t await(std::unique_lock<std::mutex> &lk, uint64_t gen, uint64_t seq);
