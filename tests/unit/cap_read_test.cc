@@ -5,16 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "core_expect.h"
 #include "read_support.h"
 
 namespace {
 
-using core_expect::only_record_is;
-using core_expect::record_is;
-using fake::P;
 using namespace read_support;
-using Strings = std::vector<std::string>;
 
 constexpr char kBool[] = "libqz_cap_get_capacity_bool_thread";
 constexpr char kBoolNb[] = "libqz_cap_get_capacity_bool_no_block_thread";
