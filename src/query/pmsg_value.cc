@@ -74,6 +74,8 @@ int32_t extract(const char *fn, const qzcap::ValueKind<T> &kind, qz_mom_pmsg_t *
 extern "C" {
 
 // An extractor under its two names: the full one and the default context.
+// `type` names the value's type, which cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define QZCAP_PMSG_EXTRACTOR(kind, type, value_kind, is_bool)                                      \
     int32_t libqz_cap_ce_get_g_cap_##kind##_by_pmsg_thread(struct qz_mom_pmsg *pmsg, int32_t size, \
                                                            char *url, libqz_cap_ctrl_info_t *ctx,  \
@@ -85,6 +87,7 @@ extern "C" {
         return libqz_cap_ce_get_g_cap_##kind##_by_pmsg_thread(                                     \
             pmsg, size, url, &g_libqz_cap_ctrl_info, value, length);                               \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 QZCAP_PMSG_EXTRACTOR(bool, bool, qzcap::kBoolKind, true)
 QZCAP_PMSG_EXTRACTOR(int32, int32_t, qzcap::kInt32Kind, false)
