@@ -29,6 +29,9 @@ class KeyRecord {
     }
     KeyRecord(const KeyRecord &) = delete;
     KeyRecord &operator=(const KeyRecord &) = delete;
+    KeyRecord(KeyRecord &&) = delete;
+    KeyRecord &operator=(KeyRecord &&) = delete;
+    ~KeyRecord() = default;
 
     const ProtobufCMessage *msg() const { return &rec_.base; }
 

@@ -178,36 +178,24 @@ int32_t libqz_cap_kril_init_thread(void *global, const char *app_name, libqz_cap
     return 0;
 }
 
-int32_t libqz_cap_dbg_get_cap_bool(const char *url) {
-    return read_handler<libqz_cap_get_capacity_bool>(url);
-}
-int32_t libqz_cap_dbg_get_cap_int32(const char *url) {
-    return read_handler<libqz_cap_get_capacity_int32>(url);
-}
-int32_t libqz_cap_dbg_get_cap_str(const char *url) {
-    return read_handler<libqz_cap_get_capacity_str>(url);
-}
-int32_t libqz_cap_dbg_get_cap_bool_no_block(const char *url) {
-    return read_handler<libqz_cap_get_capacity_bool_no_block>(url);
-}
-int32_t libqz_cap_dbg_get_cap_int32_no_block(const char *url) {
-    return read_handler<libqz_cap_get_capacity_int32_no_block>(url);
-}
-int32_t libqz_cap_dbg_get_cap_str_no_block(const char *url) {
-    return read_handler<libqz_cap_get_capacity_str_no_block>(url);
-}
-int32_t libqz_cap_dbg_ce_get_g_cap_bool(const char *url) {
-    return read_handler<libqz_cap_ce_get_g_cap_bool>(url);
-}
-int32_t libqz_cap_dbg_ce_get_g_cap_int32(const char *url) {
-    return read_handler<libqz_cap_ce_get_g_cap_int32>(url);
-}
-int32_t libqz_cap_dbg_ce_get_g_cap_bool_no_block(const char *url) {
-    return read_handler<libqz_cap_ce_get_g_cap_bool_no_block>(url);
-}
-int32_t libqz_cap_dbg_ce_get_g_cap_int32_no_block(const char *url) {
-    return read_handler<libqz_cap_ce_get_g_cap_int32_no_block>(url);
-}
+// Each read handler is the debug name of the read it prints.
+#define QZCAP_DBG_READ(name, read)                  \
+    int32_t libqz_cap_dbg_##name(const char *url) { \
+        return read_handler<read>(url);             \
+    }
+
+QZCAP_DBG_READ(get_cap_bool, libqz_cap_get_capacity_bool)
+QZCAP_DBG_READ(get_cap_int32, libqz_cap_get_capacity_int32)
+QZCAP_DBG_READ(get_cap_str, libqz_cap_get_capacity_str)
+QZCAP_DBG_READ(get_cap_bool_no_block, libqz_cap_get_capacity_bool_no_block)
+QZCAP_DBG_READ(get_cap_int32_no_block, libqz_cap_get_capacity_int32_no_block)
+QZCAP_DBG_READ(get_cap_str_no_block, libqz_cap_get_capacity_str_no_block)
+QZCAP_DBG_READ(ce_get_g_cap_bool, libqz_cap_ce_get_g_cap_bool)
+QZCAP_DBG_READ(ce_get_g_cap_int32, libqz_cap_ce_get_g_cap_int32)
+QZCAP_DBG_READ(ce_get_g_cap_bool_no_block, libqz_cap_ce_get_g_cap_bool_no_block)
+QZCAP_DBG_READ(ce_get_g_cap_int32_no_block, libqz_cap_ce_get_g_cap_int32_no_block)
+
+#undef QZCAP_DBG_READ
 
 int32_t libqz_cap_dbg_ce_subscribe_g_cap_bool(const char *url) {
     return subscribe_handler<libqz_cap_ce_subscribe_g_cap_bool>(url, libqz_cap_dbg_bool_sub_cb,

@@ -37,8 +37,6 @@ struct Device {
 
 // The members and everything that tells them apart.
 constexpr char kEntry[] = "global %p, url %s";
-constexpr char kTmpNull[] = "url %s, tmp NULL";
-constexpr char kFieldInvalid[] = "url %s, field invalid";
 constexpr char kStrFound[] = "url %s, str: %s, length %d";
 
 constexpr Member kBool{.func = "libqz_cap_get_capacity_bool_thread",
@@ -46,9 +44,7 @@ constexpr Member kBool{.func = "libqz_cap_get_capacity_bool_thread",
                        .dump = true,
                        .entry = kEntry,
                        .found_waiting = "url %s value: %d",
-                       .found = "url %s, value: %d",
-                       .tmp_null = kTmpNull,
-                       .field_invalid = kFieldInvalid};
+                       .found = "url %s, value: %d"};
 constexpr Member kBoolNoBlock{.func = "libqz_cap_get_capacity_bool_no_block_thread",
                               .entry = kEntry,
                               .found = "url %s value: %d",
@@ -59,26 +55,17 @@ constexpr Member kInt32{.func = "libqz_cap_get_capacity_int32_thread",
                         .dump = true,
                         .entry = kEntry,
                         .found_waiting = "url %s, value: %d",
-                        .found = "url %s, value: %d",
-                        .tmp_null = kTmpNull,
-                        .field_invalid = kFieldInvalid};
+                        .found = "url %s, value: %d"};
 constexpr Member kInt32NoBlock{.func = "libqz_cap_get_capacity_int32_no_block_thread",
                                .entry = kEntry,
-                               .found = "url %s, value: %d",
-                               .tmp_null = kTmpNull,
-                               .field_invalid = kFieldInvalid};
+                               .found = "url %s, value: %d"};
 constexpr Member kStr{.func = "libqz_cap_get_capacity_str_thread",
                       .blocking = true,
                       .entry = kEntry,
                       .found_waiting = kStrFound,
-                      .found = kStrFound,
-                      .tmp_null = kTmpNull,
-                      .field_invalid = kFieldInvalid};
-constexpr Member kStrNoBlock{.func = "libqz_cap_get_capacity_str_no_block_thread",
-                             .entry = kEntry,
-                             .found = kStrFound,
-                             .tmp_null = kTmpNull,
-                             .field_invalid = kFieldInvalid};
+                      .found = kStrFound};
+constexpr Member kStrNoBlock{
+    .func = "libqz_cap_get_capacity_str_no_block_thread", .entry = kEntry, .found = kStrFound};
 
 constexpr char kPlatformPrefix[] = "global_spec/platform/";
 

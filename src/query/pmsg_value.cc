@@ -73,28 +73,25 @@ int32_t extract(const char *fn, const qzcap::ValueKind<T> &kind, qz_mom_pmsg_t *
 
 extern "C" {
 
-int32_t libqz_cap_ce_get_g_cap_bool_by_pmsg_thread(struct qz_mom_pmsg *pmsg, int32_t size,
-                                                   char *url, libqz_cap_ctrl_info_t *ctx,
-                                                   bool *value, uint32_t *length) {
-    return extract<true>(__func__, qzcap::kBoolKind, pmsg, size, url, ctx, value, length);
-}
+// An extractor under its two names: the full one and the default context.
+// `type` names the value's type, which cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define QZCAP_PMSG_EXTRACTOR(kind, type, value_kind, is_bool)                                      \
+    int32_t libqz_cap_ce_get_g_cap_##kind##_by_pmsg_thread(struct qz_mom_pmsg *pmsg, int32_t size, \
+                                                           char *url, libqz_cap_ctrl_info_t *ctx,  \
+                                                           type *value, uint32_t *length) {        \
+        return extract<is_bool>(__func__, value_kind, pmsg, size, url, ctx, value, length);        \
+    }                                                                                              \
+    int32_t libqz_cap_ce_get_g_cap_##kind##_by_pmsg(struct qz_mom_pmsg *pmsg, int32_t size,        \
+                                                    char *url, type *value, uint32_t *length) {    \
+        return libqz_cap_ce_get_g_cap_##kind##_by_pmsg_thread(                                     \
+            pmsg, size, url, &g_libqz_cap_ctrl_info, value, length);                               \
+    }
+// NOLINTEND(bugprone-macro-parentheses)
 
-int32_t libqz_cap_ce_get_g_cap_bool_by_pmsg(struct qz_mom_pmsg *pmsg, int32_t size, char *url,
-                                            bool *value, uint32_t *length) {
-    return libqz_cap_ce_get_g_cap_bool_by_pmsg_thread(pmsg, size, url, &g_libqz_cap_ctrl_info,
-                                                      value, length);
-}
+QZCAP_PMSG_EXTRACTOR(bool, bool, qzcap::kBoolKind, true)
+QZCAP_PMSG_EXTRACTOR(int32, int32_t, qzcap::kInt32Kind, false)
 
-int32_t libqz_cap_ce_get_g_cap_int32_by_pmsg_thread(struct qz_mom_pmsg *pmsg, int32_t size,
-                                                    char *url, libqz_cap_ctrl_info_t *ctx,
-                                                    int32_t *value, uint32_t *length) {
-    return extract<false>(__func__, qzcap::kInt32Kind, pmsg, size, url, ctx, value, length);
-}
-
-int32_t libqz_cap_ce_get_g_cap_int32_by_pmsg(struct qz_mom_pmsg *pmsg, int32_t size, char *url,
-                                             int32_t *value, uint32_t *length) {
-    return libqz_cap_ce_get_g_cap_int32_by_pmsg_thread(pmsg, size, url, &g_libqz_cap_ctrl_info,
-                                                       value, length);
-}
+#undef QZCAP_PMSG_EXTRACTOR
 
 }  // extern "C"

@@ -52,17 +52,13 @@ struct Subcard {
 
 // The members and everything that tells them apart.
 constexpr char kEntry[] = "global %p, url %s, nodeid %d";
-constexpr char kTmpNull[] = "url %s, tmp NULL";
-constexpr char kFieldInvalid[] = "url %s, field invalid";
 
 constexpr Member kBool{.func = "libqz_cap_get_subcard_capacity_bool",
                        .blocking = true,
                        .entry_nodeid = true,
                        .entry = kEntry,
                        .found_waiting = "url %s value: %d",
-                       .found = "url %s, value: %d",
-                       .tmp_null = kTmpNull,
-                       .field_invalid = kFieldInvalid};
+                       .found = "url %s, value: %d"};
 constexpr Member kBoolNoBlock{.func = "libqz_cap_get_subcard_capacity_bool_no_block",
                               .entry_nodeid = true,
                               .entry = kEntry,
@@ -74,14 +70,10 @@ constexpr Member kInt32{.func = "libqz_cap_get_subcard_capacity_int32",
                         .entry_nodeid = true,
                         .entry = kEntry,
                         .found_waiting = "url %s, value: %d",
-                        .found = "url %s, value: %d",
-                        .tmp_null = kTmpNull,
-                        .field_invalid = kFieldInvalid};
+                        .found = "url %s, value: %d"};
 constexpr Member kInt32NoBlock{.func = "libqz_cap_get_subcard_capacity_int32_no_block",
                                .entry = "global %p, url %s",
-                               .found = "url %s, value: %d",
-                               .tmp_null = kTmpNull,
-                               .field_invalid = kFieldInvalid};
+                               .found = "url %s, value: %d"};
 
 }  // namespace
 

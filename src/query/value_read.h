@@ -29,8 +29,10 @@ struct Member {
     const char *entry = nullptr;          // entry trace, (global, url) unless entry_nodeid
     const char *found_waiting = nullptr;  // value published while waiting (blocking only)
     const char *found = nullptr;          // value of the single read / the non-blocking read
-    const char *tmp_null = nullptr;       // (url) no record stored
-    const char *field_invalid = nullptr;  // (url) record without the value field
+    // Most reads share these two texts; the boolean no-block reads word them
+    // without the comma.
+    const char *tmp_null = "url %s, tmp NULL";            // (url) no record stored
+    const char *field_invalid = "url %s, field invalid";  // (url) record without the value field
 };
 
 // A boolean or int32 output: set to the kind's initial value before the

@@ -89,7 +89,7 @@ int32_t libqz_cap_add_sub_info_thread(void *global, const char *url, void *fp, v
         QZ_LOG(1, qzcap::kError, "failed,rv %d", rv);
         return rv;
     }
-    rec.release();  // the registry's now
+    static_cast<void>(rec.release());  // the registry's now
     return 0;
 }
 

@@ -92,51 +92,33 @@ struct fun *hold_callback(const char *fn, const char *holder_failed, const char 
 
 extern "C" {
 
-int32_t libqz_cap_ce_subscribe_g_cap_bool_ext_thread(void *global, const char *url,
-                                                     libqz_cap_value_cb fp, void *arg,
-                                                     libqz_cap_ctrl_info_t *ctx) {
-    return subscribe_value(__func__, qzcap::kBoolKind, global, url, fp, arg, ctx);
-}
+// A value subscription under its four names: the full one, and the
+// default context or no argument or both.
+#define QZCAP_VALUE_SUBSCRIBE(kind, value_kind)                                                 \
+    int32_t libqz_cap_ce_subscribe_g_cap_##kind##_ext_thread(void *global, const char *url,     \
+                                                             libqz_cap_value_cb fp, void *arg,  \
+                                                             libqz_cap_ctrl_info_t *ctx) {      \
+        return subscribe_value(__func__, value_kind, global, url, fp, arg, ctx);                \
+    }                                                                                           \
+    int32_t libqz_cap_ce_subscribe_g_cap_##kind##_ext(void *global, const char *url,            \
+                                                      libqz_cap_value_cb fp, void *arg) {       \
+        return libqz_cap_ce_subscribe_g_cap_##kind##_ext_thread(global, url, fp, arg,           \
+                                                                &g_libqz_cap_ctrl_info);        \
+    }                                                                                           \
+    int32_t libqz_cap_ce_subscribe_g_cap_##kind##_thread(                                       \
+        void *global, const char *url, libqz_cap_value_cb fp, libqz_cap_ctrl_info_t *ctx) {     \
+        return libqz_cap_ce_subscribe_g_cap_##kind##_ext_thread(global, url, fp, nullptr, ctx); \
+    }                                                                                           \
+    int32_t libqz_cap_ce_subscribe_g_cap_##kind(void *global, const char *url,                  \
+                                                libqz_cap_value_cb fp) {                        \
+        return libqz_cap_ce_subscribe_g_cap_##kind##_ext_thread(global, url, fp, nullptr,       \
+                                                                &g_libqz_cap_ctrl_info);        \
+    }
 
-int32_t libqz_cap_ce_subscribe_g_cap_bool_ext(void *global, const char *url, libqz_cap_value_cb fp,
-                                              void *arg) {
-    return libqz_cap_ce_subscribe_g_cap_bool_ext_thread(global, url, fp, arg,
-                                                        &g_libqz_cap_ctrl_info);
-}
+QZCAP_VALUE_SUBSCRIBE(bool, qzcap::kBoolKind)
+QZCAP_VALUE_SUBSCRIBE(int32, qzcap::kInt32Kind)
 
-int32_t libqz_cap_ce_subscribe_g_cap_bool_thread(void *global, const char *url,
-                                                 libqz_cap_value_cb fp,
-                                                 libqz_cap_ctrl_info_t *ctx) {
-    return libqz_cap_ce_subscribe_g_cap_bool_ext_thread(global, url, fp, nullptr, ctx);
-}
-
-int32_t libqz_cap_ce_subscribe_g_cap_bool(void *global, const char *url, libqz_cap_value_cb fp) {
-    return libqz_cap_ce_subscribe_g_cap_bool_ext_thread(global, url, fp, nullptr,
-                                                        &g_libqz_cap_ctrl_info);
-}
-
-int32_t libqz_cap_ce_subscribe_g_cap_int32_ext_thread(void *global, const char *url,
-                                                      libqz_cap_value_cb fp, void *arg,
-                                                      libqz_cap_ctrl_info_t *ctx) {
-    return subscribe_value(__func__, qzcap::kInt32Kind, global, url, fp, arg, ctx);
-}
-
-int32_t libqz_cap_ce_subscribe_g_cap_int32_ext(void *global, const char *url, libqz_cap_value_cb fp,
-                                               void *arg) {
-    return libqz_cap_ce_subscribe_g_cap_int32_ext_thread(global, url, fp, arg,
-                                                         &g_libqz_cap_ctrl_info);
-}
-
-int32_t libqz_cap_ce_subscribe_g_cap_int32_thread(void *global, const char *url,
-                                                  libqz_cap_value_cb fp,
-                                                  libqz_cap_ctrl_info_t *ctx) {
-    return libqz_cap_ce_subscribe_g_cap_int32_ext_thread(global, url, fp, nullptr, ctx);
-}
-
-int32_t libqz_cap_ce_subscribe_g_cap_int32(void *global, const char *url, libqz_cap_value_cb fp) {
-    return libqz_cap_ce_subscribe_g_cap_int32_ext_thread(global, url, fp, nullptr,
-                                                         &g_libqz_cap_ctrl_info);
-}
+#undef QZCAP_VALUE_SUBSCRIBE
 
 // The holder and its fun are listed before the bus is asked and kept
 // whatever it answers. The texts are the boolean row's.

@@ -5,16 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "core_expect.h"
 #include "read_support.h"
 
 namespace {
 
-using core_expect::only_record_is;
-using core_expect::record_is;
-using fake::P;
 using namespace read_support;
-using Strings = std::vector<std::string>;
 
 constexpr char kBool[] = "libqz_cap_get_capacity_bool_thread";
 constexpr char kBoolNb[] = "libqz_cap_get_capacity_bool_no_block_thread";
@@ -338,20 +333,29 @@ uintptr_t address(F *f) {
 }
 
 TEST_F(CapRead, SecondNamesAreTheSameFunctionsAndPlainFormsUseTheThreadsContext) {
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_bool_thread),
-              address(&libqz_cap_get_capacity_bool_thread));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_bool), address(&libqz_cap_get_capacity_bool));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_bool_no_block_thread),
-              address(&libqz_cap_get_capacity_bool_no_block_thread));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_bool_no_block),
-              address(&libqz_cap_get_capacity_bool_no_block));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_int32_thread),
-              address(&libqz_cap_get_capacity_int32_thread));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_int32), address(&libqz_cap_get_capacity_int32));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_int32_no_block_thread),
-              address(&libqz_cap_get_capacity_int32_no_block_thread));
-    EXPECT_EQ(address(&libqz_cap_ce_get_g_cap_int32_no_block),
-              address(&libqz_cap_get_capacity_int32_no_block));
+    struct Alias {
+        const char *name;
+        uintptr_t alias, target;
+    };
+#define ALIAS(second, first)                       \
+    Alias {                                        \
+#second, address(&second), address(&first) \
+    }
+    const Alias aliases[] = {
+        ALIAS(libqz_cap_ce_get_g_cap_bool_thread, libqz_cap_get_capacity_bool_thread),
+        ALIAS(libqz_cap_ce_get_g_cap_bool, libqz_cap_get_capacity_bool),
+        ALIAS(libqz_cap_ce_get_g_cap_bool_no_block_thread,
+              libqz_cap_get_capacity_bool_no_block_thread),
+        ALIAS(libqz_cap_ce_get_g_cap_bool_no_block, libqz_cap_get_capacity_bool_no_block),
+        ALIAS(libqz_cap_ce_get_g_cap_int32_thread, libqz_cap_get_capacity_int32_thread),
+        ALIAS(libqz_cap_ce_get_g_cap_int32, libqz_cap_get_capacity_int32),
+        ALIAS(libqz_cap_ce_get_g_cap_int32_no_block_thread,
+              libqz_cap_get_capacity_int32_no_block_thread),
+        ALIAS(libqz_cap_ce_get_g_cap_int32_no_block, libqz_cap_get_capacity_int32_no_block),
+    };
+#undef ALIAS
+    for (const Alias &a : aliases)
+        EXPECT_EQ(a.alias, a.target) << a.name;
 
     // A fresh default context waits and counts; then it is ready.
     Outs o;

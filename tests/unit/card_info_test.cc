@@ -3,18 +3,13 @@
 #include <string>
 #include <vector>
 
-#include "core_expect.h"
 #include "fake_platform.h"
 #include "query/query.h"
 #include "read_support.h"
 
 namespace {
 
-using core_expect::only_record_is;
-using core_expect::record_is;
-using fake::P;
 using namespace read_support;
-using Strings = std::vector<std::string>;
 
 constexpr char kReady[] = "libqz_cap_get_sub_card_local_ready_thread";
 constexpr char kCb[] = "libqz_cap_card_info_cb";

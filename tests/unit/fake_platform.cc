@@ -300,6 +300,24 @@ void Test::TearDown() {
 
 using fake::P;
 
+namespace {
+
+// The scan and the subscription take a pattern and a record callback alike.
+fake::Event &record_pattern_call(const char *op, void *global, int32_t db,
+                                 const ProtobufCMessage *pattern, int32_t flags,
+                                 qz_mom_record_cb cb, void *privdata) {
+    auto &e = P().record(op);
+    e.global = global;
+    e.db = db;
+    e.key = fake::render(pattern);
+    e.flags = flags;
+    e.cb = reinterpret_cast<void *>(cb);
+    e.privdata = privdata;
+    return e;
+}
+
+}  // namespace
+
 // ---- the platform's C interface, recorded
 
 extern "C" {
@@ -359,25 +377,14 @@ qz_mom_hash_res_t *qz_mom_hgetall_ext_sync(void *global, int32_t db, int32_t *op
 
 int32_t qz_mom_scan_sync(void *global, int32_t db, const ProtobufCMessage *pattern, int32_t flags,
                          qz_mom_record_cb cb, void *privdata) {
-    auto &e = P().record("qz_mom_scan_sync");
-    e.global = global;
-    e.db = db;
-    e.key = fake::render(pattern);
-    e.flags = flags;
-    e.cb = reinterpret_cast<void *>(cb);
-    e.privdata = privdata;
+    record_pattern_call("qz_mom_scan_sync", global, db, pattern, flags, cb, privdata);
     return P().run_scan(global, cb, privdata);
 }
 
 int32_t qz_mom_subscribe(void *global, int32_t db, const ProtobufCMessage *pattern, int32_t flags,
                          qz_mom_record_cb cb, void *privdata) {
-    auto &e = P().record("qz_mom_subscribe");
-    e.global = global;
-    e.db = db;
-    e.key = fake::render(pattern);
-    e.flags = flags;
-    e.cb = reinterpret_cast<void *>(cb);
-    e.privdata = privdata;
+    const auto &e =
+        record_pattern_call("qz_mom_subscribe", global, db, pattern, flags, cb, privdata);
     return P().next_status(e.op);
 }
 

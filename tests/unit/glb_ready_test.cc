@@ -9,12 +9,7 @@
 
 namespace {
 
-using fake::P;
-using sub_support::expect_ladder;
-using sub_support::kGlbStateKey;
-using sub_support::text;
-
-using fake::kGlobal;
+using namespace sub_support;
 
 int g_arg;
 constexpr char kRead[] = "libqz_cap_ce_get_glb_ready";

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/alloc.h"
+#include "core_expect.h"
 #include "fake_platform.h"
 #include "query/query.h"
 #include "sub/sub.h"
@@ -16,6 +17,12 @@
 #include "p_libpub.pb-c.h"
 
 namespace read_support {
+
+// The vocabulary every read test uses.
+using core_expect::only_record_is;
+using core_expect::record_is;
+using fake::P;
+using Strings = std::vector<std::string>;
 
 using fake::kFree;
 using fake::kGlobal;

@@ -19,6 +19,10 @@
 
 namespace sub_support {
 
+// The vocabulary every subscription test uses.
+using fake::kGlobal;
+using fake::P;
+
 inline constexpr char kGlbStateKey[] = "s_frame.cap_glb_state{}";
 
 inline std::string cap_key(const std::string &url) {

@@ -4,16 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "core_expect.h"
 #include "read_support.h"
 
 namespace {
 
-using core_expect::only_record_is;
-using core_expect::record_is;
-using fake::P;
 using namespace read_support;
-using Strings = std::vector<std::string>;
 
 constexpr char kBool[] = "libqz_cap_get_subcard_capacity_bool";
 constexpr char kInt[] = "libqz_cap_get_subcard_capacity_int32";

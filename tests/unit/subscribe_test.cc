@@ -11,17 +11,7 @@
 
 namespace {
 
-using fake::P;
-using sub_support::expect_field_call;
-using sub_support::expect_ladder;
-using sub_support::expect_pattern_call;
-using sub_support::kGlbStateKey;
-using sub_support::list_length;
-using sub_support::ptr;
-using sub_support::tail_fun;
-using sub_support::text;
-
-using fake::kGlobal;
+using namespace sub_support;
 
 int g_arg;
 constexpr char kBoolFn[] = "libqz_cap_ce_subscribe_g_cap_bool_ext_thread";
