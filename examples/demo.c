@@ -98,13 +98,19 @@ static void *platform_service(void *svc) {
 
 /* ---- the application's callbacks (run on the bus client's thread) ------------- */
 
+/* The first call confirms the subscription and carries no value. */
+static bool confirmation(const qz_mom_pmsg_t *pmsg, const char *kind) {
+    if (pmsg->cmd != QZ_MOM_CMD_SUBSCRIBED)
+        return false;
+    say("app/push", "%s subscription in place", kind);
+    return true;
+}
+
 static int32_t on_bool(void *global, qz_mom_pmsg_t *pmsg, void *arg) {
     (void)global;
     (void)arg;
-    if (pmsg->cmd == QZ_MOM_CMD_SUBSCRIBED) {
-        say("app/push", "boolean subscription in place");
+    if (confirmation(pmsg, "boolean"))
         return 0;
-    }
     char url[256] = {0};
     bool value = false;
     uint32_t len = 0;
@@ -119,10 +125,8 @@ static int32_t on_bool(void *global, qz_mom_pmsg_t *pmsg, void *arg) {
 static int32_t on_int(void *global, qz_mom_pmsg_t *pmsg, void *arg) {
     (void)global;
     (void)arg;
-    if (pmsg->cmd == QZ_MOM_CMD_SUBSCRIBED) {
-        say("app/push", "integer subscription in place");
+    if (confirmation(pmsg, "integer"))
         return 0;
-    }
     char url[256] = {0};
     int32_t value = 0;
     uint32_t len = 0;

@@ -1,11 +1,11 @@
 // The operator's side: one request to one process, and finding the process.
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -156,7 +156,11 @@ int32_t run(pid_t pid, const char *request, int timeout_ms, FILE *out, int32_t *
                 *why = "malformed error line from " + who;
                 return KRIL_E_PROTO;
             case AnswerLine::kUnexpected:
-                *why = "unexpected answer from " + who + ": '" + line + "'";
+                *why = "unexpected answer from ";
+                *why += who;
+                *why += ": '";
+                *why += line;
+                *why += "'";
                 return KRIL_E_PROTO;
         }
     }

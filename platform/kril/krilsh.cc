@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,9 +58,7 @@ int usage_error(const std::string &why) {
     return kUsage;
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int run(int argc, char **argv) {
     CLI::App app(kDescription, "krilsh");
     app.footer(kFooter);
     app.formatter(std::make_shared<Formatter>());
@@ -146,4 +145,16 @@ int main(int argc, char **argv) {
         return kNegative;
     }
     return kRan;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {  // out of memory, mostly
+        fflush(stdout);
+        fprintf(stderr, "krilsh: %s\n", e.what());
+        return kFailed;
+    }
 }

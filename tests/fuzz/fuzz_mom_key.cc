@@ -8,11 +8,10 @@
 // back as the type it was made from, and a key is a pattern exactly when its
 // index holds only initial values.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "codec.h"
+#include "fuzz_records.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
 #include "redis_names.h"
@@ -26,14 +25,7 @@ const ProtobufCMessageDescriptor *const kKeyed[] = {
 };
 
 [[noreturn]] void fault(const char *what, const std::string &key) {
-    fprintf(stderr, "fuzz_mom_key: %s (key \"%s\")\n", what, key.c_str());
-    abort();
-}
-
-std::string packed(const ProtobufCMessage *msg) {
-    std::string out(protobuf_c_message_get_packed_size(msg), '\0');
-    protobuf_c_message_pack(msg, reinterpret_cast<uint8_t *>(out.data()));
-    return out;
+    fuzz::fault("fuzz_mom_key", what, key);
 }
 
 void check_pattern(std::string_view type) {
@@ -77,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     qzmom::Decoded d2;
     if (qzmom::decode_record(desc, key2, none, &d2.view, &d2.nums, &d2.count, &err) != 0)
         fault("an encoded key does not decode", key);
-    if (packed(d.view) != packed(d2.view))
+    if (fuzz::packed(d.view) != fuzz::packed(d2.view))
         fault("an encoded key decodes to another index", key);
     std::string key3;
     bool pattern2 = false;

@@ -6,13 +6,12 @@
 // ascending order, and survive a round trip: its fields written back and
 // decoded again give the same record, byte for byte.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "codec.h"
+#include "fuzz_records.h"
 #include "fuzz_lines.h"
 #include "p_dev.pb-c.h"
 #include "p_libpub.pb-c.h"
@@ -28,8 +27,7 @@ const ProtobufCMessageDescriptor *const kTypes[] = {
 };
 
 [[noreturn]] void fault(const char *what, const std::string &key) {
-    fprintf(stderr, "fuzz_mom_record: %s (key \"%s\")\n", what, key.c_str());
-    abort();
+    fuzz::fault("fuzz_mom_record", what, key);
 }
 
 const ProtobufCMessageDescriptor *type_of(std::string_view key) {
@@ -39,12 +37,6 @@ const ProtobufCMessageDescriptor *type_of(std::string_view key) {
             return d;
     }
     return kTypes[key.size() % std::size(kTypes)];
-}
-
-std::string packed(const ProtobufCMessage *msg) {
-    std::string out(protobuf_c_message_get_packed_size(msg), '\0');
-    protobuf_c_message_pack(msg, reinterpret_cast<uint8_t *>(out.data()));
-    return out;
 }
 
 }  // namespace
@@ -100,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     qzmom::Decoded d2;
     if (qzmom::decode_record(desc, key2, again, &d2.view, &d2.nums, &d2.count, &err) != 0)
         fault("a record written back does not decode", key);
-    if (packed(d.view) != packed(d2.view))
+    if (fuzz::packed(d.view) != fuzz::packed(d2.view))
         fault("a record written back decodes differently", key);
     return 0;
 }

@@ -19,6 +19,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "fuzz_lines.h"
@@ -51,6 +53,20 @@ int32_t clamp32(long long v, long long lo, long long hi) {
     return static_cast<int32_t>(v < lo ? lo : v > hi ? hi : v);
 }
 
+// The items that set one number or one flag of the input.
+const std::pair<std::string_view, int32_t Input::*> kNumbers[] = {
+    {"cmd", &Input::cmd},
+    {"error_code", &Input::error_code},
+    {"bool_value", &Input::bool_value},
+    {"int32_value", &Input::int32_value},
+    {"gate", &Input::gate},
+};
+const std::pair<std::string_view, bool Input::*> kFlags[] = {
+    {"pmsg", &Input::pmsg},   {"result", &Input::result}, {"view", &Input::view},
+    {"index", &Input::index}, {"urlbuf", &Input::urlbuf}, {"ctx", &Input::ctx},
+    {"value", &Input::value}, {"length", &Input::length},
+};
+
 Input parse(std::string_view data) {
     Input in;
     for (std::string_view line : fuzz::lines(data)) {
@@ -58,29 +74,20 @@ Input parse(std::string_view data) {
         auto num = [&](long long fallback) {
             return clamp32(fuzz::number(it.value, fallback), INT32_MIN, INT32_MAX);
         };
-        auto flag = [&](bool fallback) { return num(fallback ? 1 : 0) != 0; };
-        if (it.name == "form")
+        const auto number = std::find_if(std::begin(kNumbers), std::end(kNumbers),
+                                         [&](const auto &n) { return n.first == it.name; });
+        const auto flag = std::find_if(std::begin(kFlags), std::end(kFlags),
+                                       [&](const auto &f) { return f.first == it.name; });
+        if (number != std::end(kNumbers))
+            in.*number->second = num(in.*number->second);
+        else if (flag != std::end(kFlags))
+            in.*flag->second = num(in.*flag->second ? 1 : 0) != 0;
+        else if (it.name == "form")
             in.int32_form = it.value == "int32";
-        else if (it.name == "cmd")
-            in.cmd = num(in.cmd);
-        else if (it.name == "pmsg")
-            in.pmsg = flag(in.pmsg);
-        else if (it.name == "result")
-            in.result = flag(in.result);
-        else if (it.name == "error_code")
-            in.error_code = num(in.error_code);
-        else if (it.name == "view")
-            in.view = flag(in.view);
-        else if (it.name == "index")
-            in.index = flag(in.index);
         else if (it.name == "url")
             in.url = it.value;
         else if (it.name == "nourl")
             in.has_url = false;
-        else if (it.name == "bool_value")
-            in.bool_value = num(in.bool_value);
-        else if (it.name == "int32_value")
-            in.int32_value = num(in.int32_value);
         else if (it.name == "nofields")
             in.has_fields = false;
         else if (it.name == "fields") {
@@ -96,16 +103,6 @@ Input parse(std::string_view data) {
             in.size = clamp32(fuzz::number(it.value, in.size), kMinSize, kMaxSize);
         else if (it.name == "buf")
             in.buf = it.value;
-        else if (it.name == "urlbuf")
-            in.urlbuf = flag(in.urlbuf);
-        else if (it.name == "ctx")
-            in.ctx = flag(in.ctx);
-        else if (it.name == "value")
-            in.value = flag(in.value);
-        else if (it.name == "length")
-            in.length = flag(in.length);
-        else if (it.name == "gate")
-            in.gate = num(in.gate);
     }
     return in;
 }

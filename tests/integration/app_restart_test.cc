@@ -104,6 +104,18 @@ class RestartTest : public AppTest {
         private_redis();
     }
 
+    // Publishes the three device-wide values one by one, each after the push
+    // of the one before: `values` pushes of each value so far, `readies` of
+    // the global state.
+    void publish_values(bool poe, int32_t mtu, bool ready, size_t values, size_t readies) {
+        ASSERT_EQ(pub_->cap_bool(kPoe, poe), 0);
+        ASSERT_TRUE(seen_.bools.wait_for(values));
+        ASSERT_EQ(pub_->cap_int32(kMtu, mtu), 0);
+        ASSERT_TRUE(seen_.ints.wait_for(values));
+        ASSERT_EQ(pub_->glb_ready(ready), 0);
+        ASSERT_TRUE(seen_.glb_ready.wait_for(readies));
+    }
+
     int32_t saved_level_ = g_libqz_cap_zlog_level;
     Seen seen_;
 };
@@ -124,12 +136,7 @@ TEST_P(RestartTest, SubscriptionsAreRenewedOnceAndDeliverAfterTheServerRestarts)
     // Every subscription works before the restart, so a silence after it means something.
     ASSERT_EQ(pub_->subcard_state(3, 77, true), 0);
     ASSERT_TRUE(seen_.subcards.wait_for(1));
-    ASSERT_EQ(pub_->cap_bool(kPoe, true), 0);
-    ASSERT_TRUE(seen_.bools.wait_for(1));
-    ASSERT_EQ(pub_->cap_int32(kMtu, 1500), 0);
-    ASSERT_TRUE(seen_.ints.wait_for(1));
-    ASSERT_EQ(pub_->glb_ready(false), 0);
-    ASSERT_TRUE(seen_.glb_ready.wait_for(1));
+    ASSERT_NO_FATAL_FAILURE(publish_values(true, 1500, false, 1, 1));
 
     // Set after initialisation, which may apply a level file.
     g_libqz_cap_zlog_level = 2;
@@ -173,12 +180,7 @@ TEST_P(RestartTest, SubscriptionsAreRenewedOnceAndDeliverAfterTheServerRestarts)
     // After the restart: the subcard record first, so that once the others
     // arrived a subcard push would have too.
     ASSERT_EQ(once_connected([&] { return pub_->subcard_state(3, 77, false); }), 0);
-    ASSERT_EQ(pub_->cap_bool(kPoe, true), 0);
-    ASSERT_TRUE(seen_.bools.wait_for(3));
-    ASSERT_EQ(pub_->cap_int32(kMtu, 1280), 0);
-    ASSERT_TRUE(seen_.ints.wait_for(3));
-    ASSERT_EQ(pub_->glb_ready(true), 0);
-    ASSERT_TRUE(seen_.glb_ready.wait_for(2));
+    ASSERT_NO_FATAL_FAILURE(publish_values(true, 1280, true, 3, 2));
     qz_mom_test_drain(app_);
 
     EXPECT_THAT(seen_.bools.items(), ElementsAre(Pair(kPoe, 1), Pair(kPoe, 0), Pair(kPoe, 1)));

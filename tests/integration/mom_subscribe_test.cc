@@ -41,6 +41,14 @@ class MomSubscribe : public MomFixture {
         t.rec.bool_value = v;
         write(t.msg(), {6});
     }
+    // The whole table to `all_rec` and field 7 of `one` to `field_rec`, both
+    // confirmed.
+    void sub_table_and_field(CapTable &all, Recorder &all_rec, CapTable &one, Recorder &field_rec) {
+        ASSERT_EQ(qz_mom_subscribe(app_, kDb, all.msg(), 0, Recorder::cb, &all_rec), 0);
+        ASSERT_EQ(sub_field(one.msg(), {7}, {Recorder::cb}, {&field_rec}), 0);
+        ASSERT_TRUE(all_rec.wait_for(1));
+        ASSERT_TRUE(field_rec.wait_for(1));
+    }
 };
 
 TEST_P(MomSubscribe, RecordSubscriptionConfirmsThenPushesChangesOnTheClientThread) {
@@ -362,10 +370,7 @@ TEST_P(MomSubscribe, PushesOfRecordsWithUnknownFieldsAreDeliveredAndReportedOnce
     Recorder &all_rec = recorder();
     Recorder &field_rec = recorder();
     CapTable all(""), t("x/newer");
-    ASSERT_EQ(qz_mom_subscribe(app_, kDb, all.msg(), 0, Recorder::cb, &all_rec), 0);
-    ASSERT_EQ(sub_field(t.msg(), {7}, {Recorder::cb}, {&field_rec}), 0);
-    ASSERT_TRUE(all_rec.wait_for(1));
-    ASSERT_TRUE(field_rec.wait_for(1));
+    ASSERT_NO_FATAL_FAILURE(sub_table_and_field(all, all_rec, t, field_rec));
 
     StderrCapture capture;
     raw("p_libpub.cap_table|x/newer", "99", "a");
@@ -483,10 +488,7 @@ TEST_P(MomSubscribe, ReconnectDropsSubscriptionsAndCallsEachPairOnce) {
     Recorder &rec = recorder();
     Recorder &field = recorder();
     CapTable all(""), t("x/rc");
-    ASSERT_EQ(qz_mom_subscribe(app_, kDb, all.msg(), 0, Recorder::cb, &rec), 0);
-    ASSERT_EQ(sub_field(t.msg(), {7}, {Recorder::cb}, {&field}), 0);
-    ASSERT_TRUE(rec.wait_for(1));
-    ASSERT_TRUE(field.wait_for(1));
+    ASSERT_NO_FATAL_FAILURE(sub_table_and_field(all, rec, t, field));
     ASSERT_EQ(qz_mom_test_subscription_count(app_), 2u);
 
     ASSERT_EQ(qz_mom_test_reconnect(app_), 0);

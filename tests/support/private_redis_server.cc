@@ -1,12 +1,12 @@
 #include "private_redis_server.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -75,6 +75,7 @@ std::string PrivateRedisServer::start() {
                              dir_ + "/redis.log", "--notify-keyspace-events", opt_.notify});
     args.insert(args.end(), opt_.args.begin(), opt_.args.end());
     std::vector<char *> argv;
+    argv.reserve(args.size() + 1);
     for (std::string &a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);
