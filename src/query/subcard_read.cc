@@ -79,26 +79,23 @@ constexpr Member kInt32NoBlock{.func = "libqz_cap_get_subcard_capacity_int32_no_
 
 extern "C" {
 
-int32_t libqz_cap_get_subcard_capacity_bool(void *global, int32_t nodeid, const char *url,
-                                            bool *value) {
-    return qzcap::read::read<kBool>(global, url, Subcard{nodeid}, qzcap::read::BoolOut{value});
-}
+// Each value kind's blocking and non-blocking subcard reads. `ctype` and
+// `out` name types, which cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define QZCAP_SUBCARD_VALUE_READ(kind, ctype, blocking, no_block, out)                           \
+    int32_t libqz_cap_get_subcard_capacity_##kind(void *global, int32_t nodeid, const char *url, \
+                                                  ctype *value) {                                \
+        return qzcap::read::read<blocking>(global, url, Subcard{nodeid}, out{value});            \
+    }                                                                                            \
+    int32_t libqz_cap_get_subcard_capacity_##kind##_no_block(void *global, int32_t nodeid,       \
+                                                             const char *url, ctype *value) {    \
+        return qzcap::read::read<no_block>(global, url, Subcard{nodeid}, out{value});            \
+    }
 
-int32_t libqz_cap_get_subcard_capacity_bool_no_block(void *global, int32_t nodeid, const char *url,
-                                                     bool *value) {
-    return qzcap::read::read<kBoolNoBlock>(global, url, Subcard{nodeid},
-                                           qzcap::read::BoolOut{value});
-}
+QZCAP_SUBCARD_VALUE_READ(bool, bool, kBool, kBoolNoBlock, qzcap::read::BoolOut)
+QZCAP_SUBCARD_VALUE_READ(int32, int32_t, kInt32, kInt32NoBlock, qzcap::read::Int32Out)
+// NOLINTEND(bugprone-macro-parentheses)
 
-int32_t libqz_cap_get_subcard_capacity_int32(void *global, int32_t nodeid, const char *url,
-                                             int32_t *value) {
-    return qzcap::read::read<kInt32>(global, url, Subcard{nodeid}, qzcap::read::Int32Out{value});
-}
-
-int32_t libqz_cap_get_subcard_capacity_int32_no_block(void *global, int32_t nodeid, const char *url,
-                                                      int32_t *value) {
-    return qzcap::read::read<kInt32NoBlock>(global, url, Subcard{nodeid},
-                                            qzcap::read::Int32Out{value});
-}
+#undef QZCAP_SUBCARD_VALUE_READ
 
 }  // extern "C"

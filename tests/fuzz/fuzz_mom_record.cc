@@ -90,9 +90,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (qzmom::encode_key(d.view, key2, nullptr) != 0)
         fault("the decoded record's key does not encode", key);
     qzmom::Decoded d2;
-    if (qzmom::decode_record(desc, key2, again, &d2.view, &d2.nums, &d2.count, &err) != 0)
-        fault("a record written back does not decode", key);
-    if (fuzz::packed(d.view) != fuzz::packed(d2.view))
-        fault("a record written back decodes differently", key);
+    fuzz::decode_back("fuzz_mom_record", desc, key2, again, d.view, d2,
+                      "a record written back does not decode",
+                      "a record written back decodes differently", key);
     return 0;
 }

@@ -1,5 +1,6 @@
 // What the record fuzz targets share: a message's wire bytes, to compare two
-// decodes byte for byte, and the stop that reports a broken property.
+// decodes byte for byte, the stop that reports a broken property, and the
+// round trip back through the decoder.
 #ifndef QZCAP_FUZZ_RECORDS_H
 #define QZCAP_FUZZ_RECORDS_H
 
@@ -9,6 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include "codec.h"
+#include "record.h"
 
 namespace fuzz {
 
@@ -21,6 +25,20 @@ inline std::string packed(const ProtobufCMessage *msg) {
 [[noreturn]] inline void fault(const char *target, const char *what, const std::string &key) {
     fprintf(stderr, "%s: %s (key \"%s\")\n", target, what, key.c_str());
     abort();
+}
+
+// Decodes `key` and `rec` again into `again` (empty); stops as `target`,
+// naming `input`, with `undecodable` when that fails and with `different`
+// when it does not give back what `original` holds.
+inline void decode_back(const char *target, const ProtobufCMessageDescriptor *desc,
+                        const std::string &key, const qzmom::Record &rec,
+                        const ProtobufCMessage *original, qzmom::Decoded &again,
+                        const char *undecodable, const char *different, const std::string &input) {
+    qzmom::DecodeError err;
+    if (again.decode(desc, key, rec, &err) != 0)
+        fault(target, undecodable, input);
+    if (packed(original) != packed(again.view))
+        fault(target, different, input);
 }
 
 }  // namespace fuzz

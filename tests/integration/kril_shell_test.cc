@@ -279,12 +279,30 @@ TEST_F(KrilShell, ParsesTheThreeArgumentFormats) {
     EXPECT_EQ(ask("kt echo url=").rv, 0);
 }
 
-TEST_F(KrilShell, RejectsBadRequestsClearlyAndRunsNothing) {
-    const struct {
-        std::string request;
-        int32_t code;
-        const char *says;
-    } cases[] = {
+struct BadRequest {
+    std::string request;
+    int32_t code;
+    const char *says;
+};
+
+std::ostream &operator<<(std::ostream &os, const BadRequest &b) {
+    return os << '"' << b.request.substr(0, 40) << '"';
+}
+
+class KrilShellBadRequest : public KrilShell, public ::testing::WithParamInterface<BadRequest> {};
+
+TEST_P(KrilShellBadRequest, IsRejectedClearlyAndRunsNothing) {
+    const BadRequest &c = GetParam();
+    Reply r = ask(c.request);
+    EXPECT_EQ(r.code, c.code);
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_EQ(g_runs, 0);
+    EXPECT_EQ(ask("kt set 5").code, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, KrilShellBadRequest,
+    ::testing::ValuesIn(std::vector<BadRequest>{
         {"nosuch hello", KRIL_E_NO_MODULE, "no module 'nosuch'"},
         {"kt nosuch", KRIL_E_NO_COMMAND, "module 'kt' has no command 'nosuch'"},
         {"kt set abc", KRIL_E_BAD_ARG, "takes a decimal integer (format %d), not 'abc'"},
@@ -299,15 +317,7 @@ TEST_F(KrilShell, RejectsBadRequestsClearlyAndRunsNothing) {
         {"nosuch " + std::string(1016, 'a'), KRIL_E_NO_MODULE, "no module"},  // 1024 with '\n'
         {"nosuch " + std::string(1017, 'a'), KRIL_E_TOO_LONG, "longer than 1024 bytes"},
         {std::string(5000, 'm'), KRIL_E_TOO_LONG, "longer than 1024 bytes"},
-    };
-    for (const auto &c : cases) {
-        Reply r = ask(c.request);
-        EXPECT_EQ(r.code, c.code) << c.request.substr(0, 40);
-        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-    }
-    EXPECT_EQ(g_runs, 0);
-    EXPECT_EQ(ask("kt set 5").code, 0);
-}
+    }));
 
 // A client that is not krilsh can send any bytes: a NUL must not cut a
 // request down to another command that then runs.

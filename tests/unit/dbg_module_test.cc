@@ -113,22 +113,13 @@ TEST_F(KrilInit, ModuleNameIsCutAt126Characters) {
 }
 
 TEST_F(KrilInit, MissingArgumentsAreRefused) {
-    struct Case {
-        void *global;
-        const char *app;
-        libqz_cap_ctrl_info_t *ctx;
-        const char *msg;
-    } cases[] = {
-        {nullptr, "demo", &ctx_, "global NULL pointer, addr error!\n"},
-        {kBus, nullptr, &ctx_, "name NULL pointer, addr error!\n"},
-        {kBus, "demo", nullptr, "info NULL pointer, addr error!\n"},
-    };
-    for (const Case &c : cases) {
-        P().reset();
-        EXPECT_EQ(libqz_cap_kril_init_thread(c.global, c.app, c.ctx), -4);
-        EXPECT_TRUE(P().calls().empty());
-        only_record_is(c.msg, 100, kKrilFunc, core_expect::kDbg);
-    }
+    core_expect::expect_refused(libqz_cap_kril_init_thread,
+                                {
+                                    {nullptr, "demo", &ctx_, "global NULL pointer, addr error!\n"},
+                                    {kBus, nullptr, &ctx_, "name NULL pointer, addr error!\n"},
+                                    {kBus, "demo", nullptr, "info NULL pointer, addr error!\n"},
+                                },
+                                kKrilFunc, core_expect::kDbg);
 }
 
 // ---- handlers, on the default context of the calling thread

@@ -145,15 +145,23 @@ int32_t Platform::run_scan(void *global, qz_mom_record_cb cb, void *privdata) {
     return action(global, cb, privdata);
 }
 
+// Whether `p` is a live block of `live` that the library may free now; what
+// is wrong otherwise goes to the errors, named after the freeing call.
+bool Platform::take_back(std::set<void *> &live, void *p, const char *call, const char *what) {
+    if (p == nullptr) {
+        errors_.push_back(std::string(call) + "(NULL)");
+        return false;
+    }
+    if (live.erase(p) == 0) {
+        errors_.push_back(std::string(call) + " of " + what + " not handed out or already freed");
+        return false;
+    }
+    return true;
+}
+
 void Platform::free_hash(qz_mom_hash_res_t *res) {
-    if (res == nullptr) {
-        errors_.push_back("qz_mom_hash_res_free(NULL)");
+    if (!take_back(live_results_, res, "qz_mom_hash_res_free", "a result"))
         return;
-    }
-    if (live_results_.erase(res) == 0) {
-        errors_.push_back("qz_mom_hash_res_free of a result not handed out or already freed");
-        return;
-    }
     if (res->view)
         protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(res->view), nullptr);
     free(res->field_nums);
@@ -161,14 +169,8 @@ void Platform::free_hash(qz_mom_hash_res_t *res) {
 }
 
 void Platform::free_object(void *obj) {
-    if (obj == nullptr) {
-        errors_.push_back("qz_mom_qz_obj_free(NULL)");
+    if (!take_back(live_objects_, obj, "qz_mom_qz_obj_free", "an object"))
         return;
-    }
-    if (live_objects_.erase(obj) == 0) {
-        errors_.push_back("qz_mom_qz_obj_free of an object not handed out or already freed");
-        return;
-    }
     protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(obj), nullptr);
 }
 

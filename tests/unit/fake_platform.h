@@ -123,6 +123,8 @@ class Platform {
     void slept();
 
   private:
+    bool take_back(std::set<void *> &live, void *p, const char *call, const char *what);
+
     uint64_t seq_ = 0;
     std::vector<Event> events_;
     std::map<std::string, std::deque<int32_t>> statuses_;

@@ -119,22 +119,14 @@ TEST_F(Init, DefaultContextRunsEveryStepInOrder) {
 }
 
 TEST_F(Init, ArgumentsAreCheckedFirstInOrder) {
-    struct Case {
-        void *global;
-        const char *reg_name;
-        libqz_cap_ctrl_info_t *ctx;
-        const char *msg;
-    } cases[] = {
-        {nullptr, nullptr, nullptr, "reg_name NULL pointer, addr error!\n"},
-        {nullptr, "reg", nullptr, "global NULL pointer, addr error!\n"},
-        {kBus, "reg", nullptr, "info NULL pointer, addr error!\n"},
-    };
-    for (const Case &c : cases) {
-        P().reset();
-        EXPECT_EQ(libqz_cap_init_thread(c.global, c.reg_name, c.ctx), -4);
-        EXPECT_TRUE(P().calls().empty());
-        only_record_is(c.msg, 100, kFunc);
-    }
+    core_expect::expect_refused(
+        libqz_cap_init_thread,
+        {
+            {nullptr, nullptr, nullptr, "reg_name NULL pointer, addr error!\n"},
+            {nullptr, "reg", nullptr, "global NULL pointer, addr error!\n"},
+            {kBus, "reg", nullptr, "info NULL pointer, addr error!\n"},
+        },
+        kFunc);
 }
 
 TEST_F(Init, FailedConnectionStopsAfterStepThreeAndIsRetried) {
