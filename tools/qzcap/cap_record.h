@@ -48,6 +48,7 @@ class CapMessage {
     explicit CapMessage(CapKey key);
     CapMessage(const CapMessage &) = delete;
     CapMessage &operator=(const CapMessage &) = delete;
+    ~CapMessage() = default;
 
     ProtobufCMessage *msg() { return key_.node ? &sub_.base : &table_.base; }
     const CapKey &key() const { return key_; }

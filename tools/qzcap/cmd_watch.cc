@@ -9,7 +9,7 @@
 // client, which the tool renews itself. Every subscription of a capability
 // watches one value field, so a capability of any type, published or not, is
 // watched from the start.
-#include <signal.h>
+#include <csignal>
 
 #include <algorithm>
 #include <atomic>
@@ -51,6 +51,8 @@ class Watch {
         for (const CapKey &k : keys_)
             url_width_ = std::max(url_width_, one_line(k.url).size());
     }
+    Watch(const Watch &) = delete;
+    Watch &operator=(const Watch &) = delete;
     ~Watch() { conn_.reset(); }  // no callback runs after this
 
     int run();
@@ -67,7 +69,7 @@ class Watch {
     // Prints a value event unless it repeats what was last shown for t;
     // whether it printed. REQUIRES: mu_ held.
     bool show_value(const Target &t, const char *event, const std::optional<CapValue> &v);
-    void show_line(const Json &j, const std::string &text);
+    void show_line(const Json &j, const std::string &text) const;
 
     const GlobalOptions &g_;
     std::vector<CapKey> keys_;
@@ -94,7 +96,7 @@ bool same(const std::optional<CapValue> &a, const std::optional<CapValue> &b) {
     return a->type == b->type && a->b == b->b && a->i == b->i && a->s == b->s;
 }
 
-void Watch::show_line(const Json &j, const std::string &text) {
+void Watch::show_line(const Json &j, const std::string &text) const {
     if (g_.json) {
         print_json_line(j);
         return;
@@ -304,7 +306,7 @@ int Watch::run() {
     conn_ = Connection::open(g_);
     subscribe_all();
     show_current();
-    const timespec tick{0, 50 * 1000 * 1000};
+    const timespec tick{0, 50'000'000};  // 50 ms
     while (!done_) {
         if (sigtimedwait(&stop, nullptr, &tick) > 0)
             break;

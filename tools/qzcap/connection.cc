@@ -37,6 +37,8 @@ class Watchdog {
             }
         });
     }
+    Watchdog(const Watchdog &) = delete;
+    Watchdog &operator=(const Watchdog &) = delete;
     ~Watchdog() {
         stop();
         thread_.join();

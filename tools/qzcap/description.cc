@@ -291,7 +291,8 @@ Description parse_description(const std::string &text, const std::string &source
     } catch (const InJson::parse_error &e) {
         // "[json.exception.parse_error.101] parse error at line 3, column 5: ..."
         std::string why = e.what();
-        if (const size_t p = why.find("] "); why.starts_with("[json.exception") && p != why.npos)
+        if (const size_t p = why.find("] ");
+            why.starts_with("[json.exception") && p != std::string::npos)
             why.erase(0, p + 2);
         bad_input(source + ": " + why);
     } catch (const DuplicateKey &dup) {

@@ -1,7 +1,7 @@
 #include "local_store.h"
 
 #include <fcntl.h>
-#include <signal.h>
+#include <csignal>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -36,7 +36,7 @@ std::string find_redis_server() {
     const char *path = getenv("PATH");
     std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
     for (std::string dir; std::getline(dirs, dir, ':');) {
-        const std::string exe = (dir.empty() ? "." : dir) + "/redis-server";
+        std::string exe = (dir.empty() ? "." : dir) + "/redis-server";
         if (access(exe.c_str(), X_OK) == 0)
             return exe;
     }
@@ -160,6 +160,7 @@ LocalStore store_up(const std::string &dir, double timeout_s) {
         "Kghxe",  "--dir",       dir,  "--logfile",    log,      "--pidfile",
         pid_file, "--daemonize", "yes"};
     std::vector<char *> argv;
+    argv.reserve(args.size() + 1);
     for (std::string &a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);

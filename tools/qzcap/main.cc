@@ -36,9 +36,7 @@ double parse_timeout(const std::string &text) {
     return s;
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int run(int argc, char **argv) {
     CLI::App app(kDescription, "qzcap");
     app.set_version_flag("--version", "qzcap " QZCAP_VERSION);
     app.require_subcommand(1);
@@ -89,4 +87,18 @@ int main(int argc, char **argv) {
         fprintf(stderr, "qzcap: %s\n", e.what());
         return kExitBadInput;
     }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    // Whatever escapes the commands' own handling is one line, never an abort.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "qzcap: %s\n", e.what());
+    } catch (...) {
+        fprintf(stderr, "qzcap: unexpected failure\n");
+    }
+    return kExitBadInput;
 }

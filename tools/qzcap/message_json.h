@@ -32,6 +32,7 @@ class MessageArena {
     MessageArena() = default;
     MessageArena(const MessageArena &) = delete;
     MessageArena &operator=(const MessageArena &) = delete;
+    ~MessageArena() = default;
 
     // A message of type desc holding what object j names; *fields (may be
     // null) gets the numbers of the top-level fields j names. Throws a
