@@ -1,5 +1,6 @@
 #include "raw_redis.h"
 
+#include <chrono>
 #include <cstdarg>
 #include <cstring>
 
@@ -9,24 +10,7 @@
 namespace qzbench {
 
 Conn connect_unix(const std::string &path, std::string *why) {
-    timeval tv = {2, 0};
-    Conn c(redisConnectUnixWithTimeout(path.c_str(), tv));
-    if (!c) {
-        *why = "redisConnectUnix: out of memory";
-        return nullptr;
-    }
-    if (c->err != 0) {
-        *why = "connect " + path + ": " + c->errstr;
-        return nullptr;
-    }
-    // The timeout above also bounds every read: a lost reply fails, never hangs.
-    if (redisSetTimeout(c.get(), tv) != REDIS_OK) {
-        *why = "redisSetTimeout failed";
-        return nullptr;
-    }
-    if (!command(c.get(), why, "SELECT %d", kCapDb))
-        return nullptr;
-    return c;
+    return qztest::connect("unix:" + path, kCapDb, why, std::chrono::seconds(2));
 }
 
 Reply command(redisContext *c, std::string *why, const char *fmt, ...) {

@@ -10,23 +10,16 @@
 #include <string>
 #include <string_view>
 
+#include "redis_client.h"
+
 namespace qzbench {
 
-constexpr int32_t kCapDb = 3;
+using qztest::kCapDb;
+using Reply = qztest::ReplyPtr;
+using Conn = qztest::RedisPtr;
 
-// Owners of hiredis objects, released with hiredis's own function.
-template <auto Release>
-struct ReleasedBy {
-    template <class T>
-    void operator()(T *p) const {
-        Release(p);
-    }
-};
-using Reply = std::unique_ptr<redisReply, ReleasedBy<freeReplyObject>>;
-using Conn = std::unique_ptr<redisContext, ReleasedBy<redisFree>>;
-
-// A blocking connection to the socket, database 3 selected. Null with *why
-// set on failure.
+// A blocking connection to the socket, database 3 selected, every reply
+// bounded by 2 s. Null with *why set on failure.
 Conn connect_unix(const std::string &path, std::string *why);
 
 // One command; null (with *why) when the connection failed or the server

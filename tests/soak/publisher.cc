@@ -17,6 +17,7 @@
 #include "p_libpub.pb-c.h"
 #include "qz_mom.h"
 #include "qz_mom_client.h"
+#include "redis_client.h"
 #include "roles.h"
 #include "s_frame.pb-c.h"
 
@@ -75,11 +76,8 @@ class RawClient {
         return ok;
     }
 
-    struct Free {
-        void operator()(redisContext *c) const { redisFree(c); }
-    };
     std::string socket_;
-    std::unique_ptr<redisContext, Free> c_;
+    qztest::RedisPtr c_;
 };
 
 class Publisher {
