@@ -37,8 +37,7 @@ class RawSubscriber {
         if (!command(sub_.get(), why, "SUBSCRIBE %b", ch.data(), ch.size()))
             return false;
         // Idle between its blocks; stop() ends the wait.
-        timeval none = {0, 0};
-        redisSetTimeout(sub_.get(), none);
+        qztest::set_reply_timeout(sub_.get(), {});
         thread_ = std::thread([this] { run(); });
         return true;
     }

@@ -177,8 +177,7 @@ class RawRenewer {
             Conn s = connect_unix(socket_, why);
             Conn c = s ? connect_unix(socket_, why) : nullptr;
             if (s && c) {
-                timeval none = {0, 0};
-                redisSetTimeout(s.get(), none);
+                qztest::set_reply_timeout(s.get(), {});
                 std::lock_guard<std::mutex> lk(mu_);
                 if (stopping_)
                     return false;

@@ -7,6 +7,7 @@
 
 #include <hiredis.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <random>
@@ -61,19 +62,9 @@ class RawClient {
     bool connected() {
         if (c_ != nullptr)
             return true;
-        const timeval timeout{1, 0};
-        c_.reset(redisConnectUnixWithTimeout(socket_.c_str(), timeout));
-        if (c_ == nullptr || c_->err != 0 || redisSetTimeout(c_.get(), timeout) != REDIS_OK) {
-            c_.reset();
-            return false;
-        }
-        auto *r = static_cast<redisReply *>(redisCommand(c_.get(), "SELECT %d", kDb));
-        const bool ok = r != nullptr && r->type != REDIS_REPLY_ERROR;
-        if (r != nullptr)
-            freeReplyObject(r);
-        if (!ok)
-            c_.reset();
-        return ok;
+        std::string why;
+        c_ = qztest::connect("unix:" + socket_, kDb, &why, std::chrono::seconds(1));
+        return c_ != nullptr;
     }
 
     std::string socket_;

@@ -8,6 +8,15 @@
 
 namespace qztest {
 
+bool set_reply_timeout(redisContext *c, std::chrono::milliseconds timeout) {
+    // On the socket itself, not through hiredis: a 32-bit target's hiredis
+    // may take a timeval of another size than this build's.
+    const timeval tv{static_cast<time_t>(timeout.count() / 1000),
+                     static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
+    return setsockopt(c->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
+           setsockopt(c->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
+}
+
 RedisPtr connect(const std::string &uri, int db, std::string *why,
                  std::chrono::milliseconds reply_timeout) {
     RedisPtr c;
@@ -35,16 +44,9 @@ RedisPtr connect(const std::string &uri, int db, std::string *why,
         *why = "cannot connect to " + uri + ": " + (c != nullptr ? c->errstr : "out of memory");
         return nullptr;
     }
-    if (reply_timeout.count() > 0) {
-        // On the socket itself, not through hiredis: a 32-bit target's
-        // hiredis may take a timeval of another size than this build's.
-        const timeval tv{static_cast<time_t>(reply_timeout.count() / 1000),
-                         static_cast<suseconds_t>(reply_timeout.count() % 1000 * 1000)};
-        if (setsockopt(c->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0 ||
-            setsockopt(c->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0) {
-            *why = "cannot set the timeouts of the connection to " + uri;
-            return nullptr;
-        }
+    if (reply_timeout.count() > 0 && !set_reply_timeout(c.get(), reply_timeout)) {
+        *why = "cannot set the timeouts of the connection to " + uri;
+        return nullptr;
     }
     if (db != 0) {
         ReplyPtr r = command(c.get(), {"SELECT", std::to_string(db)}, why);

@@ -30,6 +30,9 @@ using ReplyPtr = std::unique_ptr<redisReply, RedisFree>;
 RedisPtr connect(const std::string &uri, int db, std::string *why,
                  std::chrono::milliseconds reply_timeout = {});
 
+// Bounds every later read and write of c by `timeout`; zero waits for ever.
+bool set_reply_timeout(redisContext *c, std::chrono::milliseconds timeout);
+
 // Runs one command; null with *why set when the connection failed. A reply
 // of type REDIS_REPLY_ERROR is returned as it came.
 ReplyPtr command(redisContext *c, std::initializer_list<std::string> args, std::string *why);
