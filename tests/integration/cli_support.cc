@@ -41,7 +41,7 @@ std::string slurp(const std::string &path) {
 }
 
 int status_of(int wstatus) {
-    return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
 }
 
 std::string temp_file(const char *what) {

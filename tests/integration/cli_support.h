@@ -20,7 +20,7 @@
 namespace clitest {
 
 struct Ran {
-    int status = -1;  // exit status; -1 when killed by a signal
+    int status = -1;  // exit status; 128 + the signal when killed by one, as a shell says
     std::string out, err;
 };
 
@@ -47,7 +47,7 @@ class Background {
     // The next line of standard output without its '\n'; nullopt when none
     // came within `wait` or the output ended.
     std::optional<std::string> line(std::chrono::milliseconds wait = std::chrono::seconds(10));
-    // Sends sig and returns the exit status (-1 when killed by a signal).
+    // Sends sig and returns the exit status (128 + the signal when killed by one).
     int stop(int sig);
     // Waits for the process to end by itself; nullopt when it did not.
     std::optional<int> wait_exit(std::chrono::milliseconds wait = std::chrono::seconds(10));

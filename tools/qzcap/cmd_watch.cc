@@ -53,7 +53,12 @@ class Watch {
     }
     Watch(const Watch &) = delete;
     Watch &operator=(const Watch &) = delete;
-    ~Watch() { conn_.reset(); }  // no callback runs after this
+    // Closed in place rather than reset: a callback running meanwhile still
+    // reads conn_, and closing waits for it to return. None runs after this.
+    ~Watch() {
+        if (conn_)
+            conn_->close();
+    }
 
     int run();
 

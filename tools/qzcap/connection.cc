@@ -109,7 +109,14 @@ std::unique_ptr<Connection> Connection::open(const GlobalOptions &opts) {
 }
 
 Connection::~Connection() {
+    close();
+}
+
+void Connection::close() {
+    if (handle_ == nullptr)
+        return;
     qz_mom_client_destroy(handle_);
+    handle_ = nullptr;
 }
 
 void Connection::fail(int32_t code, const std::string &doing) const {

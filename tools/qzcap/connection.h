@@ -29,6 +29,11 @@ class Connection {
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
+    // Ends the connection, waiting for a callback that runs on its thread to
+    // return; the bus calls of that callback still find the handle valid.
+    // None runs afterwards. handle() is null from then on.
+    void close();
+
     void *handle() const { return handle_; }
     const std::string &uri() const { return uri_; }
 
