@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <limits>
 #include <new>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -140,6 +141,11 @@ struct IntCase {
     bool ok;
     int64_t value;
 };
+
+// Names each case by its text in the test list, escaped.
+void PrintTo(const IntCase &c, std::ostream *os) {
+    *os << testing::PrintToString(std::string(c.text));
+}
 
 class ParseInt32 : public testing::TestWithParam<IntCase> {};
 
