@@ -16,7 +16,7 @@
 //   key order, before it returns, with no store lock held.
 // - A field subscription keeps the last value it saw of each listed field
 //   and delivers only when one of them differs. It starts from the values in
-//   place when it is made; when its 29 is sent they are compared with the
+//   place when it is made; once its 29 is sent they are compared with the
 //   store, so a change made meanwhile is delivered right after the 29. When a
 //   reconnect drops it, its last values are remembered; an identical field
 //   subscription made later (same db, key, field, callback and argument)
@@ -25,11 +25,11 @@
 //   subscriptions made before it was lost.
 // - Field subscriptions made by a reconnect callback on the handle's
 //   delivery thread (renewals) are requested without waiting, each for its
-//   own confirmation: after the callbacks return they are settled together,
-//   their records read in one round trip, and each gets its 29 once it is in
-//   place; that read delivers what changed before. One whose connection is
-//   lost before that gets no 29; it is dropped with the connection and
-//   renewed by the next reconnection.
+//   own confirmation: after the callbacks return, each gets its 29 as soon as
+//   the server confirmed it, and then their records are read in one round
+//   trip, which delivers what changed before. One whose connection is lost
+//   before its confirmation gets no 29; it is dropped with the connection
+//   and renewed by the next reconnection, comparing from the values it had.
 //
 // Its code is split along that state: client.cc the delivery thread, its
 // queue and the connection callbacks; client_subs.cc the subscriptions and
@@ -45,7 +45,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -53,7 +52,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -95,8 +93,8 @@ struct Sub {
     uint64_t watch_id = 0;
     std::atomic<bool> active{true};
     bool deferred = false;     // made by a reconnect callback: in place once settled
-    bool confirmed = false;    // delivery thread only: its 29 has been sent
-    uint64_t confirm_seq = 0;  // delivery thread only: order of the read behind its 29
+    bool confirmed = false;    // delivery thread only: 29 sent and caught up: pushes reach it
+    uint64_t confirm_seq = 0;  // delivery thread only: order of the read that caught it up
 
     bool is_field() const { return !targets.empty(); }
 };
@@ -169,18 +167,34 @@ class Client final : public StoreListener {
         void *user;
         int32_t db;
     };
-    // (db, key, field, callback, argument) of a dropped field subscription entry.
-    using RememberKey = std::tuple<int32_t, std::string, int32_t, qz_mom_record_cb, void *>;
+    // What one entry of a dropped field subscription last saw; kept by the
+    // subscription's key, so that a renewal finds it without building a key.
+    struct Remembered {
+        int32_t db;
+        int32_t field;
+        qz_mom_record_cb cb;
+        void *arg;
+        Value value;
+    };
 
     Client() = default;
     void run();
     void post(Item item);
     void wake();
     int32_t add_sub(const SubPtr &sub);
-    // Sends sub's 29. A field subscription compares with `read` (its
-    // record read after the watch was in place), or reads itself when null.
-    void confirm(const SubPtr &sub, const Store::OrderedRead *read = nullptr);
+    // Moves what an identical entry of a dropped subscription saw into t's
+    // base; false when kept has none. REQUIRES: subs_mu_ held.
+    bool take_remembered(const Sub &sub, FieldTarget &t, std::vector<Remembered> &kept);
+    // Sends sub's 29, then catches a field subscription up with the store.
+    void confirm(const SubPtr &sub);
     void confirm_renewed(const std::vector<SubPtr> &subs);
+    // Sends sub's 29 (once per callback and argument); false, sending
+    // nothing, when sub was dropped.
+    bool announce(Sub &sub);
+    // Compares an announced field subscription's base with `read`, its
+    // record read after the 29, and delivers what differs; from then on its
+    // pushes are delivered. Left as it is when the read lost the connection.
+    void catch_up(Sub &sub, const Store::OrderedRead &read);
     void deliver_change(const Change &c);
     void deliver_record(Sub &sub, const Change &c, bool *reported);
     void deliver_fields(Sub &sub, const std::string &key, const Record *rec,
@@ -207,7 +221,7 @@ class Client final : public StoreListener {
     uint64_t next_sub_ = 1;
     std::unordered_multimap<std::string, SubPtr, StrHash, std::equal_to<>> by_key_;
     std::unordered_multimap<std::string, SubPtr, StrHash, std::equal_to<>> by_type_;
-    std::multimap<RememberKey, Value> remembered_;
+    std::unordered_map<std::string, std::vector<Remembered>, StrHash, std::equal_to<>> remembered_;
 
     std::mutex ignored_mu_;                              // a leaf: taken with no other lock held
     std::set<std::pair<int32_t, std::string>> ignored_;  // (db, key) noted

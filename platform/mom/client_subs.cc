@@ -1,5 +1,6 @@
 // Subscriptions: making them, their 29 (one at a time, or renewals settled
-// together) and dropping them with a lost connection.
+// together), the read that catches up with the store after it, and dropping
+// them with a lost connection.
 #include <algorithm>
 
 #include "client.h"
@@ -58,6 +59,19 @@ int32_t Client::subscribe_field(int32_t db, const ProtobufCMessage *key, uint32_
     return add_sub(sub);
 }
 
+bool Client::take_remembered(const Sub &sub, FieldTarget &t, std::vector<Remembered> &kept) {
+    for (Remembered &r : kept) {
+        if (r.db == sub.db && r.field == t.field && r.cb == t.cb && r.arg == t.arg) {
+            t.base = std::move(r.value);
+            if (&r != &kept.back())
+                r = std::move(kept.back());
+            kept.pop_back();
+            return true;
+        }
+    }
+    return false;
+}
+
 int32_t Client::add_sub(const SubPtr &sub) {
     {
         // Held across watch() so that a concurrent drop_subs() sees either
@@ -73,15 +87,13 @@ int32_t Client::add_sub(const SubPtr &sub) {
             return rc;
         sub->id = next_sub_++;
         bool fresh = false;
+        auto kept = sub->targets.empty() ? remembered_.end() : remembered_.find(sub->key);
         for (FieldTarget &t : sub->targets) {
-            auto it = remembered_.find(RememberKey{sub->db, sub->key, t.field, t.cb, t.arg});
-            if (it != remembered_.end()) {
-                t.base = std::move(it->second);
-                remembered_.erase(it);
-            } else {
+            if (kept == remembered_.end() || !take_remembered(*sub, t, kept->second))
                 fresh = true;
-            }
         }
+        if (kept != remembered_.end() && kept->second.empty())
+            remembered_.erase(kept);
         // Read after the watch: a later change is queued for us. A renewal
         // starts from what it remembered and needs no read.
         Snapshot now;
@@ -102,79 +114,93 @@ int32_t Client::add_sub(const SubPtr &sub) {
 }
 
 void Client::confirm_renewed(const std::vector<SubPtr> &subs) {
-    // Wait for the next one in place, then confirm it together with those
-    // whose confirmations came with its own: each 29 goes out as soon as
-    // its subscription is in place, the records behind them read in one
-    // round trip per group.
-    std::vector<SubPtr> group;
-    std::vector<Store::OrderedRead> reads;
+    // Each 29 goes out as soon as its subscription is in place: wait for the
+    // next one, announce it with those whose confirmations came with it, and
+    // so on. Only then are their records read, in one round trip, and what
+    // changed while they were away delivered.
+    std::vector<SubPtr> announced;
+    announced.reserve(subs.size());
     for (size_t next = 0; next < subs.size();) {
         const SubPtr &first = subs[next++];
         if (!first->active.load(std::memory_order_acquire) ||
             store_->settle(first->watch_id) != 0) {
             continue;  // dropped with its connection; renewed by the next reconnection
         }
-        group.assign(1, first);
-        for (; next < subs.size() && store_->in_place(subs[next]->watch_id); ++next)
-            group.push_back(subs[next]);
-        reads.clear();
-        for (const SubPtr &sub : group) {
-            if (sub->is_field())
-                reads.push_back(Store::OrderedRead{sub->db, sub->key, nullptr, 0, 0});
+        if (announce(*first))
+            announced.push_back(first);
+        for (; next < subs.size() && store_->in_place(subs[next]->watch_id); ++next) {
+            if (announce(*subs[next]))
+                announced.push_back(subs[next]);
         }
-        store_->get_ordered_many(reads);
-        size_t r = 0;
-        for (const SubPtr &sub : group)
-            confirm(sub, sub->is_field() ? &reads[r++] : nullptr);
+    }
+    std::vector<Store::OrderedRead> reads;
+    reads.reserve(announced.size());
+    for (const SubPtr &sub : announced) {
+        if (sub->is_field())
+            reads.push_back(Store::OrderedRead{sub->db, sub->key, nullptr, 0, 0});
+    }
+    store_->get_ordered_many(reads);
+    size_t r = 0;
+    for (const SubPtr &sub : announced) {
+        if (sub->is_field())
+            catch_up(*sub, reads[r++]);
     }
 }
 
-void Client::confirm(const SubPtr &sub, const Store::OrderedRead *read) {
-    if (!sub->active.load(std::memory_order_acquire))
+void Client::confirm(const SubPtr &sub) {
+    if (!announce(*sub) || !sub->is_field())
         return;
-    Snapshot now;
-    std::vector<bool> hit;
-    bool any = false;
-    if (sub->is_field()) {
-        // Changes queued before the 29 are not delivered; what they changed
-        // since the base is, from the store as it is now. A change after
-        // this read is queued behind the 29 and compared with `last`; one
-        // read before it but queued behind it is stale and skipped.
-        if (read != nullptr) {
-            sub->confirm_seq = read->seq;
-            if (read->rc == 0)
-                now = read->record;
-        } else if (store_->get_ordered(sub->db, sub->key, &now, &sub->confirm_seq) != 0) {
-            now.reset();
-        }
-        hit.assign(sub->targets.size(), false);
-        for (size_t i = 0; i < sub->targets.size(); ++i) {
-            FieldTarget &t = sub->targets[i];
-            t.last = value_of(now.get(), t.name);
-            if (t.base.has_value()) {
-                hit[i] = *t.base != t.last;
-                any = any || hit[i];
-                t.base.reset();
-            }
-        }
+    Store::OrderedRead read{sub->db, sub->key, nullptr, 0, 0};
+    read.rc = store_->get_ordered(sub->db, sub->key, &read.record, &read.seq);
+    catch_up(*sub, read);
+}
+
+bool Client::announce(Sub &sub) {
+    if (!sub.active.load(std::memory_order_acquire))
+        return false;
+    if (!sub.is_field()) {
+        sub.confirmed = true;
+        call(sub.cb, sub.priv, QZ_MOM_CMD_SUBSCRIBED, nullptr);
+        return true;
     }
-    sub->confirmed = true;
-    if (!sub->is_field()) {
-        call(sub->cb, sub->priv, QZ_MOM_CMD_SUBSCRIBED, nullptr);
-        return;
-    }
-    for (size_t i = 0; i < sub->targets.size(); ++i) {
-        const FieldTarget &t = sub->targets[i];
+    for (size_t i = 0; i < sub.targets.size(); ++i) {
+        const FieldTarget &t = sub.targets[i];
         bool seen = false;
         for (size_t j = 0; j < i && !seen; ++j) {
-            seen = sub->targets[j].cb == t.cb && sub->targets[j].arg == t.arg;
+            seen = sub.targets[j].cb == t.cb && sub.targets[j].arg == t.arg;
         }
         if (!seen)
             call(t.cb, t.arg, QZ_MOM_CMD_SUBSCRIBED, nullptr);
     }
+    return true;
+}
+
+void Client::catch_up(Sub &sub, const Store::OrderedRead &read) {
+    // Unread because the connection went: the base stays, for the renewal
+    // that follows to compare from.
+    if (!sub.active.load(std::memory_order_acquire) || read.rc == QZ_MOM_E_CONN)
+        return;
+    // Changes queued before this read are not delivered; what they changed
+    // since the base is, from the store as it is now. A change after the
+    // read is queued behind it and compared with `last`; one read before it
+    // but queued behind it is stale and skipped.
+    const Record *now = read.rc == 0 ? read.record.get() : nullptr;
+    sub.confirm_seq = read.seq;
+    std::vector<bool> hit(sub.targets.size(), false);
+    bool any = false;
+    for (size_t i = 0; i < sub.targets.size(); ++i) {
+        FieldTarget &t = sub.targets[i];
+        t.last = value_of(now, t.name);
+        if (t.base.has_value()) {
+            hit[i] = *t.base != t.last;
+            any = any || hit[i];
+            t.base.reset();
+        }
+    }
+    sub.confirmed = true;
     if (any) {
         bool reported = false;
-        deliver_fields(*sub, sub->key, now.get(), hit, &reported);
+        deliver_fields(sub, sub.key, now, hit, &reported);
     }
 }
 
@@ -190,12 +216,11 @@ void Client::drop_subs(uint64_t below) {
             sub->active.store(false, std::memory_order_release);
             store_->unwatch(sub->watch_id);
             for (FieldTarget &t : sub->targets) {
-                RememberKey rk{sub->db, sub->key, t.field, t.cb, t.arg};
-                if (sub->confirmed) {
-                    remembered_.emplace(std::move(rk), t.last);
-                } else if (t.base.has_value()) {  // dropped before its 29
-                    remembered_.emplace(std::move(rk), *t.base);
-                }
+                if (!sub->confirmed && !t.base.has_value())
+                    continue;
+                // Not caught up yet: it still starts from its base.
+                remembered_[sub->key].push_back(
+                    Remembered{sub->db, t.field, t.cb, t.arg, sub->confirmed ? t.last : *t.base});
             }
             it = map->erase(it);
         }

@@ -15,6 +15,11 @@ namespace qzmom::redis {
 namespace {
 
 constexpr size_t kMaxRemembered = 65536;  // last pushed records kept for comparison
+// Queued requests go out once they reach this size, so that the server
+// confirms the first while the caller is still making the rest.
+constexpr size_t kSendAtBytes = 8192;
+constexpr size_t kHiredisReadSize = 16 * 1024;  // what redisBufferRead asks the socket for
+constexpr int kMaxReadsPerBatch = 64;
 
 }  // namespace
 
@@ -71,7 +76,7 @@ bool Subscriber::send(std::string_view command, std::string_view channel, bool n
     const std::string_view args[] = {command, channel};
     append_command(out_, args);
     ++sent_;
-    return !now || flush(why);
+    return (!now && out_.size() < kSendAtBytes) || flush(why);
 }
 
 bool Subscriber::flush(std::string *why) {
@@ -300,9 +305,16 @@ void Subscriber::released() {
 
 void Subscriber::read_sub() {
     redisContext *c = sub_->ctx();
-    if (redisBufferRead(c) != REDIS_OK) {
-        report_lost(gen_, error_of(c));
-        return;
+    // What the socket holds, not only one hiredis read's worth: a renewal's
+    // confirmations then make one batch. A short read means it is drained.
+    for (int reads = 0; reads < kMaxReadsPerBatch; ++reads) {
+        const size_t before = c->reader->len;
+        if (redisBufferRead(c) != REDIS_OK) {
+            report_lost(gen_, error_of(c));
+            return;
+        }
+        if (c->reader->len - before < kHiredisReadSize)
+            break;
     }
     batch_.clear();
     for (;;) {
