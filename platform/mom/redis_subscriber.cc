@@ -18,7 +18,7 @@ constexpr size_t kMaxRemembered = 65536;  // last pushed records kept for compar
 // Queued requests go out once they reach this size, so that the server
 // confirms the first while the caller is still making the rest.
 constexpr size_t kSendAtBytes = 8192;
-constexpr size_t kHiredisReadSize = 16 * 1024;  // what redisBufferRead asks the socket for
+constexpr size_t kHiredisReadSize = 16384;  // what redisBufferRead asks the socket for
 constexpr int kMaxReadsPerBatch = 64;
 
 }  // namespace
