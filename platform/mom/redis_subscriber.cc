@@ -19,7 +19,7 @@ constexpr size_t kMaxRemembered = 65536;  // last pushed records kept for compar
 // confirms the first while the caller is still making the rest.
 constexpr size_t kSendAtBytes = 8192;
 constexpr size_t kHiredisReadSize = 16384;  // what redisBufferRead asks the socket for
-constexpr int kMaxReadsPerBatch = 64;
+constexpr int kMaxReadsPerBatch = 16;       // 256 KB: a renewal of 1,000 in one batch
 
 }  // namespace
 

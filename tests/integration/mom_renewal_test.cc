@@ -34,7 +34,7 @@ struct Registry {
 
     explicit Registry(int n, const char *prefix) : slots(static_cast<size_t>(n)) {
         for (int i = 0; i < n; ++i) {
-            char url[96];
+            char url[256];
             std::snprintf(url, sizeof url, "%s/%05d", prefix, i);
             urls.emplace_back(url);
             slots[static_cast<size_t>(i)] = Slot{this, i};
@@ -198,14 +198,18 @@ INSTANTIATE_TEST_SUITE_P(Stores, MomRenewal, ::testing::Values(embedded_store(),
 // confirmed got its one 29; the rest none. The next reconnection renews every
 // record again: each gets exactly one 29 and then delivers.
 TEST(MomRenewalKill, KillWhileConfirmationsArriveLeavesNothingHalfRenewed) {
-    // Enough confirmations to fill the socket buffers several times over,
-    // so that the server still holds some when it dies.
+    // Enough confirmations (about 1 MB) to fill the socket buffers and what
+    // the client reads in one go several times over, so that the server
+    // still holds some when it dies.
     constexpr int kN = 4000;
     RedisServer server;
     ASSERT_EQ(server.start(), "");
     void *app = qz_mom_client_create(server.uri().c_str());
     ASSERT_NE(app, nullptr);
-    Registry reg(kN, "renewal/under/a/server/killed/while/confirming/its/subscriptions");
+    Registry reg(kN,
+                 "renewal/under/a/server/killed/while/confirming/its/subscriptions/with/urls/"
+                 "long/enough/to/make/each/confirmation/a/quarter/of/a/kilobyte/so/that/the/"
+                 "server/still/holds/some/of/them/when/it/dies");
     reg.subscribe_all(app);
     ASSERT_TRUE(reg.wait([&](const auto &s) { return s.size() >= kN; }));
     reg.take();
