@@ -133,18 +133,14 @@ void Client::confirm_renewed(const std::vector<SubPtr> &subs) {
                 announced.push_back(subs[next]);
         }
     }
+    // Only field subscriptions are renewed this way (add_sub).
     std::vector<Store::OrderedRead> reads;
     reads.reserve(announced.size());
-    for (const SubPtr &sub : announced) {
-        if (sub->is_field())
-            reads.push_back(Store::OrderedRead{sub->db, sub->key, nullptr, 0, 0});
-    }
+    for (const SubPtr &sub : announced)
+        reads.push_back(Store::OrderedRead{sub->db, sub->key, nullptr, 0, 0});
     store_->get_ordered_many(reads);
-    size_t r = 0;
-    for (const SubPtr &sub : announced) {
-        if (sub->is_field())
-            catch_up(*sub, reads[r++]);
-    }
+    for (size_t i = 0; i < announced.size(); ++i)
+        catch_up(*announced[i], reads[i]);
 }
 
 void Client::confirm(const SubPtr &sub) {

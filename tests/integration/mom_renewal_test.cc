@@ -113,6 +113,23 @@ void write_all(const RedisServer &server, const Registry &reg, int32_t base) {
     }
 }
 
+// Writes base + k to every record k and expects each subscriber of app to
+// get exactly that change, once.
+void each_delivers_a_change(const RedisServer &server, Registry &reg, void *app, int32_t base) {
+    const size_t n = reg.urls.size();
+    ASSERT_NO_FATAL_FAILURE(write_all(server, reg, base));
+    ASSERT_TRUE(reg.wait([&](const auto &s) { return s.size() >= n; }));
+    qz_mom_test_drain(app);
+    std::vector<int> delivered(n, 0);
+    for (const Registry::Seen &e : reg.take()) {
+        ASSERT_EQ(e.cmd, QZ_MOM_CMD_CHANGED);
+        EXPECT_EQ(e.value, base + e.index);
+        ++delivered[static_cast<size_t>(e.index)];
+    }
+    for (size_t k = 0; k < n; ++k)
+        EXPECT_EQ(delivered[k], 1) << k;
+}
+
 std::function<void(void *)> *g_renew;
 int32_t renew_cb(void *global, int32_t, int32_t, void *) {
     (*g_renew)(global);
@@ -277,17 +294,7 @@ TEST(MomRenewalKill, KillWhileConfirmationsArriveLeavesNothingHalfRenewed) {
     EXPECT_EQ(qz_mom_test_subscription_count(app), static_cast<uint32_t>(kN));
 
     // None lost: a change of each record reaches its subscriber.
-    ASSERT_NO_FATAL_FAILURE(write_all(server, reg, 500));
-    ASSERT_TRUE(reg.wait([&](const auto &s) { return s.size() >= kN; }));
-    qz_mom_test_drain(app);
-    std::vector<int> delivered(kN, 0);
-    for (const Registry::Seen &e : reg.take()) {
-        ASSERT_EQ(e.cmd, QZ_MOM_CMD_CHANGED);
-        EXPECT_EQ(e.value, 500 + e.index);
-        ++delivered[static_cast<size_t>(e.index)];
-    }
-    for (int k = 0; k < kN; ++k)
-        EXPECT_EQ(delivered[static_cast<size_t>(k)], 1) << k;
+    ASSERT_NO_FATAL_FAILURE(each_delivers_a_change(server, reg, app, 500));
     qz_mom_client_destroy(app);
     g_renew = nullptr;
     quiet.take();
@@ -352,17 +359,7 @@ TEST(MomRenewalKill, AReadCutOffAfterThe29sDeliversNoFalseChange) {
         EXPECT_EQ(confirmations[static_cast<size_t>(k)], 2) << "one per renewal: record " << k;
 
     // Still in place: a change of each record reaches its subscriber once.
-    ASSERT_NO_FATAL_FAILURE(write_all(server, reg, 700));
-    ASSERT_TRUE(reg.wait([&](const auto &s) { return s.size() >= kN; }));
-    qz_mom_test_drain(app);
-    std::vector<int> delivered(kN, 0);
-    for (const Registry::Seen &e : reg.take()) {
-        ASSERT_EQ(e.cmd, QZ_MOM_CMD_CHANGED);
-        EXPECT_EQ(e.value, 700 + e.index);
-        ++delivered[static_cast<size_t>(e.index)];
-    }
-    for (int k = 0; k < kN; ++k)
-        EXPECT_EQ(delivered[static_cast<size_t>(k)], 1) << k;
+    ASSERT_NO_FATAL_FAILURE(each_delivers_a_change(server, reg, app, 700));
     qz_mom_client_destroy(app);
     g_renew = nullptr;
     quiet.take();
