@@ -25,8 +25,6 @@
 namespace soak {
 namespace {
 
-constexpr int32_t kDb = 3;
-
 // A plain Redis connection, as an operator's redis-cli would use: connected
 // when needed, dropped on any failure.
 class RawClient {
@@ -63,7 +61,7 @@ class RawClient {
         if (c_ != nullptr)
             return true;
         std::string why;
-        c_ = qztest::connect("unix:" + socket_, kDb, &why, std::chrono::seconds(1));
+        c_ = qztest::connect("unix:" + socket_, qztest::kCapDb, &why, std::chrono::seconds(1));
         return c_ != nullptr;
     }
 
@@ -104,8 +102,9 @@ class Publisher {
         rec.int32_value = static_cast<int32_t>(seq);
         static const int32_t kBoolFields[] = {6, 7};
         static const int32_t kInt32Fields[] = {7};
-        return is_bool_key(k) ? qz_mom_write(global_, kDb, &rec.base, 2, kBoolFields) == 0
-                              : qz_mom_write(global_, kDb, &rec.base, 1, kInt32Fields) == 0;
+        return is_bool_key(k)
+                   ? qz_mom_write(global_, qztest::kCapDb, &rec.base, 2, kBoolFields) == 0
+                   : qz_mom_write(global_, qztest::kCapDb, &rec.base, 1, kInt32Fields) == 0;
     }
 
     bool raw_cap(uint32_t k, int64_t seq) {
@@ -124,12 +123,12 @@ class Publisher {
         rec.index = &index;
         rec.ready = seq & 1;
         static const int32_t kFields[] = {6};
-        if (qz_mom_write(global_, kDb, &rec.base, 1, kFields) != 0)
+        if (qz_mom_write(global_, qztest::kCapDb, &rec.base, 1, kFields) != 0)
             return false;
         if (seq <= 1)
             return true;
         index.config_dev_type = static_cast<int32_t>(seq - 1);
-        return qz_mom_delete(global_, kDb, &rec.base) == 0;
+        return qz_mom_delete(global_, qztest::kCapDb, &rec.base) == 0;
     }
 
     bool raw_subcard(int32_t node, int64_t seq) {
@@ -144,7 +143,7 @@ class Publisher {
         SFrame__CapGlbState rec = S_FRAME__CAP_GLB_STATE__INIT;
         rec.ready = seq & 1;
         static const int32_t kFields[] = {5};
-        return qz_mom_write(global_, kDb, &rec.base, 1, kFields) == 0;
+        return qz_mom_write(global_, qztest::kCapDb, &rec.base, 1, kFields) == 0;
     }
 
     // Blocking reads of missing keys end once the local table is complete.
@@ -152,7 +151,7 @@ class Publisher {
         PLibpub__CapState rec = P_LIBPUB__CAP_STATE__INIT;
         rec.ready = 1;
         static const int32_t kFields[] = {5};
-        return qz_mom_write(global_, kDb, &rec.base, 1, kFields) == 0;
+        return qz_mom_write(global_, qztest::kCapDb, &rec.base, 1, kFields) == 0;
     }
 
     bool raw_run(const std::vector<std::vector<std::string>> &cmds) { return raw_.run(cmds); }

@@ -10,8 +10,6 @@
 namespace qzcap::tool {
 namespace {
 
-constexpr int32_t kDb = 3;
-
 struct ResFree {
     void operator()(qz_mom_hash_res_t *r) const { qz_mom_hash_res_free(r); }
 };
@@ -20,7 +18,7 @@ using ResPtr = std::unique_ptr<qz_mom_hash_res_t, ResFree>;
 // The record under key, read through the bus; its view is null when none is stored.
 ResPtr read_record(const Connection &conn, const CapKey &key) {
     CapMessage m(key);
-    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kDb, m.msg()));
+    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kCapDb, m.msg()));
     if (res == nullptr)
         throw Failure(kExitBadInput, "reading " + key.describe() + ": out of memory");
     conn.check(res->error_code, "reading " + key.describe());
@@ -87,7 +85,7 @@ void scan_table(const Connection &conn, bool subcard, const std::string &prefix,
         c->out->push_back(ListedCap{std::move(key), cap_record_of(*pmsg->result, c->subcard)});
         return 0;
     };
-    conn.check(qz_mom_scan_sync(conn.handle(), kDb, pattern.msg(), 0, cb, &ctx),
+    conn.check(qz_mom_scan_sync(conn.handle(), kCapDb, pattern.msg(), 0, cb, &ctx),
                subcard ? "listing subcard capabilities" : "listing capabilities");
 }
 
@@ -142,13 +140,13 @@ void write_capability(const Connection &conn, const CapKey &key, const CapValue 
     const qz_mom_write_op_t op{m.msg(),       static_cast<uint32_t>(fields.size()),
                                fields.data(), static_cast<uint32_t>(clear.size()),
                                clear.data(),  0};
-    conn.check(qz_mom_write_batch(conn.handle(), kDb, &op, 1, nullptr),
+    conn.check(qz_mom_write_batch(conn.handle(), kCapDb, &op, 1, nullptr),
                "writing " + key.describe());
 }
 
 void delete_capability(const Connection &conn, const CapKey &key) {
     CapMessage m(key);
-    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kDb, m.msg()));
+    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kCapDb, m.msg()));
     if (res == nullptr)
         throw Failure(kExitBadInput, "reading " + key.describe() + ": out of memory");
     // A record that does not decode is there all the same, and del is the way out of it.
@@ -157,7 +155,7 @@ void delete_capability(const Connection &conn, const CapKey &key) {
         if (res->view == nullptr)
             not_found("no capability " + key.describe());
     }
-    conn.check(qz_mom_delete(conn.handle(), kDb, m.msg()), "deleting " + key.describe());
+    conn.check(qz_mom_delete(conn.handle(), kCapDb, m.msg()), "deleting " + key.describe());
 }
 
 std::vector<ListedCap> list_capabilities(const Connection &conn, const std::string &prefix,

@@ -13,6 +13,9 @@
 
 namespace qzcap::tool {
 
+// The database the bus keeps the capability records in.
+inline constexpr int32_t kCapDb = 3;
+
 enum class CapType { kBool, kInt32, kStr };
 
 // The record field that holds a value of each type, in both capability tables.

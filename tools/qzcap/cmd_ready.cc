@@ -19,8 +19,6 @@
 namespace qzcap::tool {
 namespace {
 
-constexpr int32_t kDb = 3;
-
 enum class Which { kBoth, kLocal, kGlobal, kSubcard };
 
 struct Args {
@@ -48,7 +46,7 @@ int32_t card_type_of(const Connection &conn, int32_t node) {
             f->type = card->config_dev_type;  // the last one, as in the library
         return 0;
     };
-    conn.check(qz_mom_scan_sync(conn.handle(), kDb, &pattern.base, 0, cb, &found),
+    conn.check(qz_mom_scan_sync(conn.handle(), kCapDb, &pattern.base, 0, cb, &found),
                "looking up the card of node " + std::to_string(node));
     if (!found.type)
         not_found("no card with node id " + std::to_string(node));
@@ -62,7 +60,7 @@ bool read_flag(const Connection &conn, int32_t (*read)(void *, bool *), Protobuf
     bool ready = false;
     if (read(conn.handle(), &ready) != 0) {
         int32_t code = 0;
-        qz_mom_qz_obj_free(qz_mom_get_sync(conn.handle(), kDb, key, &code));
+        qz_mom_qz_obj_free(qz_mom_get_sync(conn.handle(), kCapDb, key, &code));
         conn.fail(code != 0 ? code : QZ_MOM_E_REPLY, "reading " + what);
     }
     return ready;
@@ -91,7 +89,7 @@ bool read_subcard(const Connection &conn, int32_t node) {
 
 void write_flag(const Connection &conn, ProtobufCMessage *rec, int32_t field,
                 const std::string &what) {
-    conn.check(qz_mom_write(conn.handle(), kDb, rec, 1, &field), "setting " + what);
+    conn.check(qz_mom_write(conn.handle(), kCapDb, rec, 1, &field), "setting " + what);
 }
 
 void set_ready(const Connection &conn, Which which, int32_t node, bool v) {

@@ -32,7 +32,6 @@
 namespace qzcap::tool {
 namespace {
 
-constexpr int32_t kDb = 3;
 constexpr CapType kTypes[] = {CapType::kBool, CapType::kInt32, CapType::kStr};
 
 class Watch;
@@ -219,7 +218,7 @@ int32_t Watch::subscribe_own() {
                 args.push_back(t);
             }
         }
-        const int32_t rc = qz_mom_subscribe_field(conn_->handle(), kDb, m.msg(),
+        const int32_t rc = qz_mom_subscribe_field(conn_->handle(), kCapDb, m.msg(),
                                                   static_cast<uint32_t>(fields.size()),
                                                   fields.data(), cbs.data(), args.data(), 1);
         if (rc != 0)
@@ -257,7 +256,7 @@ void Watch::subscribe_all() {
         }
     }
     // Registered after the library's, so that it runs after the library renewed its own.
-    conn_->check(qz_mom_client_set_reconnect_cb(global, kDb, on_reconnect, this),
+    conn_->check(qz_mom_client_set_reconnect_cb(global, kCapDb, on_reconnect, this),
                  "watching for reconnections");
     conn_->check(qz_mom_client_set_conn_cb(global, on_conn, this), "watching the connection");
     conn_->check(subscribe_own(), "subscribing");

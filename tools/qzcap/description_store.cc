@@ -16,7 +16,6 @@
 namespace qzcap::tool {
 namespace {
 
-constexpr int32_t kDb = 3;
 constexpr int32_t kCardIndexField = 5;
 
 struct ResFree {
@@ -27,7 +26,7 @@ using ResPtr = std::unique_ptr<qz_mom_hash_res_t, ResFree>;
 // The `ready` field (5) of an unkeyed readiness record, if it is stored.
 template <class T>
 std::optional<bool> read_flag(const Connection &conn, T key, const char *what) {
-    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kDb, &key.base));
+    ResPtr res(qz_mom_hgetall_sync(conn.handle(), kCapDb, &key.base));
     if (res == nullptr)
         throw Failure(kExitBadInput, std::string("reading ") + what + ": out of memory");
     conn.check(res->error_code, std::string("reading ") + what);
@@ -43,7 +42,7 @@ void scan(const Connection &conn, ProtobufCMessage *pattern, const char *what, F
             (*static_cast<F *>(arg))(*pmsg->result);
         return 0;
     };
-    conn.check(qz_mom_scan_sync(conn.handle(), kDb, pattern, 0, cb, &on_record),
+    conn.check(qz_mom_scan_sync(conn.handle(), kCapDb, pattern, 0, cb, &on_record),
                std::string("reading ") + what);
 }
 
@@ -188,7 +187,7 @@ void write_description(const Connection &conn, const Description &d,
     for (size_t done = 0; done < all.size();) {
         const size_t n = std::min(kLoadBatch, all.size() - done);
         uint32_t failed = 0;
-        const int32_t rc = qz_mom_write_batch(conn.handle(), kDb, all.data() + done,
+        const int32_t rc = qz_mom_write_batch(conn.handle(), kCapDb, all.data() + done,
                                               static_cast<uint32_t>(n), &failed);
         if (rc != 0) {
             conn.fail(rc, "writing records " + std::to_string(done + 1) + " to " +
